@@ -1,0 +1,190 @@
+// What every module of the daemon uses: the assertion, the guarded log call,
+// the cached clock, MAC address helpers and an intrusive list.
+#ifndef STEER_H
+#define STEER_H
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "steer_log.h"
+
+// ---------------------------------------------------------------------------
+// Assertion: a broken precondition prints the one assertion message of the
+// daemon on standard error and aborts (the SIGABRT path of the exit handler).
+#define STEER_ASSERT_FMT "\033[0;31mbandherd: Assertion failed, '%s' is not satisfied!!!\n   at %s:%d %s\033[0m\n"
+
+#define SASSERT(expr)                                                                      \
+    do {                                                                                   \
+        if (!(expr)) {                                                                     \
+            fprintf(stderr, STEER_ASSERT_FMT, #expr, __FILE_NAME__, __LINE__, __func__);   \
+            abort();                                                                       \
+        }                                                                                  \
+    } while (0)
+
+// ---------------------------------------------------------------------------
+// Per-module log level. Every source file gets its own pair: the level a module
+// registers under its short name, and the pointer the call sites test, which
+// points at the global level until the module registers.
+[[maybe_unused]] static int _s_logger = SLOG_INFO;
+[[maybe_unused]] static int *_s_plogger = &g_logger;
+
+// Gives this source file a level of its own, listed and set under `name`.
+#define SLOG_REGISTER(name)                          \
+    do {                                             \
+        _s_plogger = &_s_logger;                     \
+        slog_register_logger(&_s_logger, (name));    \
+    } while (0)
+
+// Every log format starts with the function name and the line.
+constexpr bool slog_fmt_has_prefix(const char *fmt)
+{
+    const char prefix[] = "%s:%d, ";
+    for (size_t i = 0; i + 1 < sizeof(prefix); i++) {
+        if (fmt[i] != prefix[i])
+            return false;
+    }
+    return true;
+}
+
+// The guarded call site: the level test is one comparison, made before any
+// argument is formatted.
+#define SLOG(level, fmt, ...)                                                       \
+    do {                                                                            \
+        static_assert(slog_fmt_has_prefix(fmt), "log formats begin with %s:%d, "); \
+        if (*_s_plogger >= (level))                                                 \
+            slog_log((level), fmt, __func__, __LINE__, ##__VA_ARGS__);              \
+    } while (0)
+
+#define LOG_FATAL(fmt, ...) SLOG(SLOG_FATAL, fmt, ##__VA_ARGS__)
+#define LOG_ERROR(fmt, ...) SLOG(SLOG_ERROR, fmt, ##__VA_ARGS__)
+#define LOG_WARN(fmt, ...) SLOG(SLOG_WARNING, fmt, ##__VA_ARGS__)
+#define LOG_INFO(fmt, ...) SLOG(SLOG_INFO, fmt, ##__VA_ARGS__)
+#define LOG_DEBUG(fmt, ...) SLOG(SLOG_DEBUG, fmt, ##__VA_ARGS__)
+#define LOG_DUMP(fmt, ...) SLOG(SLOG_DUMP, fmt, ##__VA_ARGS__)
+#define LOG_STEER(fmt, ...) SLOG(SLOG_STEER, fmt, ##__VA_ARGS__)
+
+// ---------------------------------------------------------------------------
+// The daemon's clock: whole seconds of the monotonic clock, refreshed every
+// second by the event loop. Steering decisions read nothing else.
+extern unsigned long g_time;
+
+// ---------------------------------------------------------------------------
+// MAC addresses: six bytes.
+constexpr size_t MAC_LEN = 6;
+
+#define MAC_FMT "%02x:%02x:%02x:%02x:%02x:%02x"
+#define MAC_ARG(m) (m)[0], (m)[1], (m)[2], (m)[3], (m)[4], (m)[5]
+#define MAC_SCAN_FMT "%hhx:%hhx:%hhx:%hhx:%hhx:%hhx"
+#define MAC_SCAN_ARG(m) &(m)[0], &(m)[1], &(m)[2], &(m)[3], &(m)[4], &(m)[5]
+
+constexpr uint8_t MAC_BCAST[MAC_LEN] = {0xff, 0xff, 0xff, 0xff, 0xff, 0xff};
+
+inline bool mac_equal(const uint8_t *a, const uint8_t *b)
+{
+    return memcmp(a, b, MAC_LEN) == 0;
+}
+
+inline bool mac_is_zero(const uint8_t *m)
+{
+    static const uint8_t zero[MAC_LEN] = {};
+    return memcmp(m, zero, MAC_LEN) == 0;
+}
+
+inline bool mac_is_bcast(const uint8_t *m)
+{
+    return mac_equal(m, MAC_BCAST);
+}
+
+inline void mac_copy(uint8_t *dst, const uint8_t *src)
+{
+    memcpy(dst, src, MAC_LEN);
+}
+
+// Parses "xx:xx:xx:xx:xx:xx"; returns 0, or -1 when fewer than six fields scan.
+inline int mac_scan(const char *text, uint8_t *mac)
+{
+    return sscanf(text, MAC_SCAN_FMT, MAC_SCAN_ARG(mac)) == 6 ? 0 : -1;
+}
+
+// ---------------------------------------------------------------------------
+// Intrusive doubly linked list: a record carries a `slist_link` member and a
+// list of such records is `SLIST(type, member)`. New entries go to the head,
+// so iteration sees the newest first. Iterating is safe against removing the
+// current entry.
+struct slist_link {
+    slist_link *next = nullptr;
+    slist_link *prev = nullptr;
+
+    bool linked() const { return next != nullptr; }
+};
+
+template <typename T, size_t Off>
+class slist {
+public:
+    slist() { head_.next = head_.prev = &head_; }
+    slist(const slist &) = delete;
+    slist &operator=(const slist &) = delete;
+
+    static T *entry(slist_link *l) { return reinterpret_cast<T *>(reinterpret_cast<char *>(l) - Off); }
+    static slist_link *link(T *t) { return reinterpret_cast<slist_link *>(reinterpret_cast<char *>(t) + Off); }
+
+    void add_head(T *t)
+    {
+        slist_link *l = link(t);
+        l->next = head_.next;
+        l->prev = &head_;
+        head_.next->prev = l;
+        head_.next = l;
+    }
+
+    static void del(T *t)
+    {
+        slist_link *l = link(t);
+        if (!l->linked())
+            return;
+        l->prev->next = l->next;
+        l->next->prev = l->prev;
+        l->next = l->prev = nullptr;
+    }
+
+    bool empty() const { return head_.next == &head_; }
+
+    size_t size() const
+    {
+        size_t n = 0;
+        for (const slist_link *l = head_.next; l != &head_; l = l->next)
+            n++;
+        return n;
+    }
+
+    T *first() { return empty() ? nullptr : entry(head_.next); }
+
+    class iterator {
+    public:
+        iterator(slist_link *cur, slist_link *head) : cur_(cur), next_(cur->next), head_(head) {}
+        T *operator*() const { return entry(cur_); }
+        iterator &operator++()
+        {
+            cur_ = next_;
+            next_ = cur_ == head_ ? cur_ : cur_->next;
+            return *this;
+        }
+        bool operator!=(const iterator &o) const { return cur_ != o.cur_; }
+
+    private:
+        slist_link *cur_, *next_, *head_;
+    };
+
+    iterator begin() { return iterator(head_.next, &head_); }
+    iterator end() { return iterator(&head_, &head_); }
+
+private:
+    slist_link head_;
+};
+
+#define SLIST(type, member) slist<type, offsetof(type, member)>
+
+#endif

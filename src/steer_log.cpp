@@ -1,0 +1,273 @@
+#include "steer_log.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+#include "steer.h"
+
+int g_logger = SLOG_INFO;
+
+namespace {
+
+struct slog_reg {
+    int *plogger;
+    const char *name;  // a literal that lives for the whole run
+    slist_link list;
+};
+
+constexpr const char *STEER_LOG_FILE = "/var/run/steer.log";
+constexpr off_t SLOG_FILE_MAX = 104857600;  // the steering log starts afresh past 100 MiB
+constexpr size_t SLOG_COPY_BLOCK = 65536;
+
+const char *const s_level_names[] = {"silence", "fatal", "error", "warning", "info", "debug", "dump", "steer"};
+
+SLIST(slog_reg, list) s_loggers;
+
+FILE *s_output;
+char s_output_path[4096];
+bool s_output_is_file;
+bool s_output_is_tty;
+bool s_print_time = true;
+size_t s_max_log;
+
+void slog_use_stdout()
+{
+    s_output = stdout;
+    s_output_is_file = false;
+    s_output_is_tty = isatty(fileno(stdout));
+    s_output_path[0] = '\0';
+}
+
+void slog_print_time(FILE *f)
+{
+    char buf[64];
+    time_t now = time(nullptr);
+    struct tm tm;
+
+    if (!localtime_r(&now, &tm))
+        return;
+    if (strftime(buf, sizeof(buf), "%s %m/%d %H:%M:%S ", &tm) == 0)
+        return;
+    fputs(buf, f);
+}
+
+// Cuts a log file that grew past s_max_log to its newest s_max_log / 2 bytes,
+// keeping its name. Any failure leaves the log as it was.
+void slog_check_rotate()
+{
+    struct stat st;
+
+    if (!s_output || s_output == stdout || s_max_log == 0)
+        return;
+    if (stat(s_output_path, &st) != 0 || (size_t)st.st_size <= s_max_log || !S_ISREG(st.st_mode))
+        return;
+
+    fflush(s_output);
+    char tmp[4104];
+    snprintf(tmp, sizeof(tmp), "%s_%ld", s_output_path, (long)time(nullptr));
+
+    FILE *in = fopen(s_output_path, "r");
+    if (!in) {
+        remove(tmp);
+        return;
+    }
+    FILE *out = fopen(tmp, "w+");
+    if (!out || fseek(in, (long)(st.st_size - (off_t)(s_max_log / 2)), SEEK_SET) != 0) {
+        if (out)
+            fclose(out);
+        fclose(in);
+        remove(tmp);
+        return;
+    }
+
+    char block[SLOG_COPY_BLOCK];
+    size_t n;
+    while ((n = fread(block, 1, sizeof(block), in)) > 0) {
+        if (fwrite(block, 1, n, out) != n) {
+            fclose(out);
+            fclose(in);
+            remove(tmp);
+            return;
+        }
+    }
+
+    fclose(s_output);
+    fclose(in);
+    fclose(out);
+    remove(s_output_path);
+    rename(tmp, s_output_path);
+    s_output = fopen(s_output_path, "a+");
+    if (s_output) {
+        setvbuf(s_output, nullptr, _IOLBF, 0);
+    } else {
+        slog_use_stdout();
+        setvbuf(s_output, nullptr, _IOLBF, 0);
+    }
+    remove(tmp);
+}
+
+}  // namespace
+
+const char *slog_get_level_name(int level)
+{
+    if (level < SLOG_SILENCE || level > SLOG_STEER)
+        return "illegal";
+    return s_level_names[level];
+}
+
+void slog_log(int level, const char *fmt, ...)
+{
+    SASSERT(fmt);
+
+    if (!s_output)
+        slog_use_stdout();
+    else if (s_output_is_file)
+        slog_check_rotate();
+
+    bool coloured = s_output_is_tty && level < SLOG_INFO;
+    if (s_output_is_tty) {
+        if (coloured)
+            fputs(level < SLOG_WARNING ? "\033[31m" : "\033[33m", s_output);
+        fputs("bandherd: ", s_output);
+    }
+    if (s_print_time)
+        slog_print_time(s_output);
+    fprintf(s_output, "%s ", slog_get_level_name(level));
+
+    va_list ap;
+    va_start(ap, fmt);
+    if (level == SLOG_STEER) {
+        // The record goes to the steering log; the prefix stays on the output
+        // and the next line continues it.
+        slog_file(STEER_LOG_FILE, fmt, ap);
+        va_end(ap);
+        return;
+    }
+    vfprintf(s_output, fmt, ap);
+    va_end(ap);
+
+    if (coloured)
+        fputs("\033[0m", s_output);
+    size_t len = strlen(fmt);
+    if (len > 0 && fmt[len - 1] == '\n') {
+        if (coloured)
+            fflush(s_output);
+    } else {
+        fputc('\n', s_output);
+    }
+}
+
+void slog_register_logger(int *plogger, const char *name)
+{
+    SASSERT(plogger);
+    SASSERT(name);
+    SASSERT(plogger != &g_logger);
+
+    *plogger = g_logger;
+    auto *reg = static_cast<slog_reg *>(malloc(sizeof(slog_reg)));
+    if (!reg)
+        return;
+    reg->plogger = plogger;
+    reg->name = name;
+    reg->list = slist_link{};
+    s_loggers.add_head(reg);
+}
+
+int slog_set_level(const char *name, int level)
+{
+    if (level < SLOG_SILENCE || level > SLOG_DUMP)
+        return -1;
+
+    bool set = false;
+    if (!name || strcmp(name, "other") == 0) {
+        g_logger = level;
+        set = true;
+    }
+    for (slog_reg *reg : s_loggers) {
+        if (!name || strcmp(reg->name, name) == 0) {
+            *reg->plogger = level;
+            set = true;
+        }
+    }
+    return set ? 0 : -1;
+}
+
+void slog_print_levels(FILE *f)
+{
+    SASSERT(f);
+    for (slog_reg *reg : s_loggers)
+        fprintf(f, "%s: %s\n", reg->name, slog_get_level_name(*reg->plogger));
+    fprintf(f, "other: %s\n", slog_get_level_name(g_logger));
+}
+
+int slog_set_size(size_t log_size)
+{
+    s_max_log = log_size;
+    return 0;
+}
+
+int slog_set_print_time(bool print_time)
+{
+    s_print_time = print_time;
+    return 0;
+}
+
+int slog_set_path(const char *path)
+{
+    if (!path || strcmp(path, "stdout") == 0) {
+        if (s_output != stdout) {
+            if (s_output)
+                fclose(s_output);
+            slog_use_stdout();
+        }
+        setvbuf(s_output, nullptr, _IOLBF, 0);
+        return 0;
+    }
+
+    FILE *f = fopen(path, "a+");
+    if (!f)
+        return -1;
+    struct stat st;
+    if (fstat(fileno(f), &st) != 0) {
+        fclose(f);
+        return -1;
+    }
+    if (s_output && s_output != stdout)
+        fclose(s_output);
+    s_output = f;
+    s_output_is_file = S_ISREG(st.st_mode);
+    s_output_is_tty = isatty(fileno(f));
+    snprintf(s_output_path, sizeof(s_output_path), "%s", path);
+    setvbuf(s_output, nullptr, _IOLBF, 0);
+    return 0;
+}
+
+int slog_file(const char *file, const char *fmt, va_list ap)
+{
+    // A va_list cannot be tested for null portably; the file and the format can.
+    if (!file || !fmt)
+        return -1;
+
+    FILE *f;
+    struct stat st;
+    if (access(file, F_OK) == 0) {
+        if (stat(file, &st) != 0) {
+            printf("%s(%d): stat fail\n", "slog_file", __LINE__);
+            return -2;
+        }
+        f = fopen(file, st.st_size <= SLOG_FILE_MAX ? "a+" : "w+");
+    } else {
+        f = fopen(file, "w+");
+    }
+    if (!f)
+        return 0;
+
+    slog_print_time(f);
+    vfprintf(f, fmt, ap);
+    fclose(f);
+    return 0;
+}

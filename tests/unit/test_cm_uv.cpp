@@ -1,0 +1,110 @@
+// The libuv event library with short real periods: timers repeat until
+// stopped, time-outs run once, polls report readiness.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "cm.h"
+
+namespace {
+
+struct counter {
+    cm_timer timer{};
+    int fires = 0;
+    int stop_at = 0;
+    std::string *trace = nullptr;
+};
+
+void count_fire(cm_timer *t)
+{
+    auto *c = reinterpret_cast<counter *>(t);
+    c->fires++;
+    if (c->trace)
+        *c->trace += "T";
+    if (c->fires == c->stop_at) {
+        cm_timer_stop(t);
+        cm_timer_stop(t);  // stopping a stopped timer is harmless
+    }
+}
+
+void stop_loop(void *) { cm_stop(); }
+
+void note(void *data) { *static_cast<std::string *>(data) += "0"; }
+
+TEST(CmUv, TimerRepeatsUntilStoppedInsideItsCallback)
+{
+    cm_init();
+    counter c;
+    c.stop_at = 3;
+    ASSERT_EQ(cm_timer_start(&c.timer, 0.005, count_fire), 0);
+    cm_timeout(0.1, stop_loop, nullptr);
+    cm_run();
+    EXPECT_EQ(c.fires, 3);
+}
+
+TEST(CmUv, TimeoutZeroRunsOnTheNextPassBeforeTimers)
+{
+    cm_init();
+    std::string trace;
+    counter c;
+    c.stop_at = 1;
+    c.trace = &trace;
+    cm_timer_start(&c.timer, 0.005, count_fire);
+    cm_timeout(0, note, &trace);
+    EXPECT_EQ(trace, "");
+    cm_timeout(0.05, stop_loop, nullptr);
+    cm_run();
+    EXPECT_EQ(trace, "0T");
+}
+
+TEST(CmUv, StoppedRecordCanBeFreedAtOnce)
+{
+    cm_init();
+    auto *c = new counter;
+    cm_timer_start(&c->timer, 0.001, count_fire);
+    cm_timer_stop(&c->timer);
+    delete c;  // the library must not touch it again
+    cm_timer tm{};
+    cm_timer_stop(&tm);  // never started
+    cm_timeout(0.02, stop_loop, nullptr);
+    cm_run();
+    SUCCEED();
+}
+
+struct poll_rec {
+    cm_poll poll{};
+    int fd = -1;
+    int events = 0;
+};
+
+void on_ready(cm_poll *p, int fd, int events)
+{
+    auto *r = reinterpret_cast<poll_rec *>(p);
+    r->fd = fd;
+    r->events = events;
+    cm_poll_stop(p);
+    cm_stop();
+}
+
+TEST(CmUv, PollReportsReadableWithBitOne)
+{
+    cm_init();
+    int fds[2];
+    ASSERT_EQ(pipe(fds), 0);
+    poll_rec r;
+    ASSERT_EQ(cm_poll_start(&r.poll, fds[0], CM_POLL_READ, on_ready), 0);
+    ASSERT_EQ(write(fds[1], "x", 1), 1);
+    cm_run();
+    EXPECT_EQ(r.fd, fds[0]);
+    EXPECT_EQ(r.events, CM_POLL_READ);
+    close(fds[0]);
+    close(fds[1]);
+}
+
+TEST(CmUv, AbortReportsAndAborts)
+{
+    EXPECT_DEATH(cm_abort("oom at here"), "oom at here");
+}
+
+}  // namespace

@@ -1,0 +1,103 @@
+#include <gtest/gtest.h>
+
+#include <regex>
+#include <set>
+
+#include "fake_uwb.h"
+#include "iof.h"
+#include "steer.h"
+#include "steer_exe.h"
+#include "steer_if.h"
+#include "test_util.h"
+
+namespace {
+
+class SifTest : public ::testing::Test {
+protected:
+    void SetUp() override { fake_uwb_reset(); }
+};
+
+TEST_F(SifTest, WifiNameIsReadThroughItsKernelName)
+{
+    g_fake_uwb.os_ifname["wifi-cfg0"] = "lo";
+    log_capture log;
+    uint8_t mac[6] = {1, 2, 3, 4, 5, 6};
+    EXPECT_EQ(sif_get_mac("wifi-cfg0", mac), 0);
+    EXPECT_TRUE(mac_is_zero(mac));  // lo's address
+    EXPECT_EQ(g_fake_uwb.calls, 1);
+    EXPECT_EQ(log.text(), "");
+}
+
+TEST_F(SifTest, FailuresAreLoggedAndReported)
+{
+    log_capture log;
+    uint8_t mac[6];
+    EXPECT_EQ(sif_get_mac("wifi-unknown", mac), -1);
+    // A bridge is never translated, even when it does not exist.
+    EXPECT_EQ(sif_get_mac("br-none", mac), -1);
+    EXPECT_EQ(g_fake_uwb.calls, 1);
+    EXPECT_FALSE(sif_is_up("nosuch0"));
+    std::regex lines("error sif_get_mac:[0-9]+, wifi-unknown get osif failed\n"
+                     "error sif_get_mac:[0-9]+, open /sys/class/net/br-none/address failed\n"
+                     "error sif_is_up:[0-9]+, ioctl failed, ifname nosuch0\n");
+    EXPECT_TRUE(std::regex_match(log.text(), lines)) << log.text();
+}
+
+TEST_F(SifTest, NullArgumentsAbort)
+{
+    uint8_t mac[6];
+    EXPECT_DEATH(sif_get_mac(nullptr, mac), "'ifname' is not satisfied");
+    EXPECT_DEATH(sif_get_mac("br0", nullptr), "'mac' is not satisfied");
+    EXPECT_DEATH(sif_is_up(nullptr), "'ifname' is not satisfied");
+    EXPECT_DEATH(sif_iterate(nullptr, nullptr), "'cb' is not satisfied");
+}
+
+bool collect(const char *ifname, void *data)
+{
+    static_cast<std::set<std::string> *>(data)->insert(ifname);
+    return false;
+}
+
+bool stop_at_first(const char *, void *data)
+{
+    ++*static_cast<int *>(data);
+    return true;
+}
+
+// Inside a network namespace of its own with a bridge br0 and a fresh sysfs.
+int bridge_in_own_namespace()
+{
+    if (sexe_no_out("ip link add br0 type bridge && ip link set br0 address 02:11:22:33:44:55") != 0)
+        return 10;
+    uint8_t mac[6] = {};
+    const uint8_t expected[6] = {0x02, 0x11, 0x22, 0x33, 0x44, 0x55};
+    if (sif_get_mac("br0", mac) != 0 || !mac_equal(mac, expected))
+        return 11;
+    if (g_fake_uwb.calls != 0)
+        return 12;  // the Wi-Fi library was consulted for a bridge
+    if (iof_mac_addr_get(mac) != 0 || !mac_equal(mac, expected))
+        return 13;
+
+    if (sif_is_up("br0"))
+        return 14;
+    if (sexe_no_out("ip link set br0 up") != 0 || !sif_is_up("br0"))
+        return 15;
+
+    std::set<std::string> names;
+    if (sif_iterate(collect, &names) != 0 || names != std::set<std::string>{"lo", "br0"})
+        return 16;
+    int calls = 0;
+    if (sif_iterate(stop_at_first, &calls) != 0 || calls != 1)
+        return 17;
+    return 0;
+}
+
+TEST_F(SifTest, BridgeReadsItsOwnAddressFileWithoutTheWifiLibrary)
+{
+    int rc = run_in_sandbox(SANDBOX_NET, bridge_in_own_namespace);
+    if (rc == SANDBOX_UNAVAILABLE)
+        GTEST_SKIP() << "no private network namespace here";
+    EXPECT_EQ(rc, 0);
+}
+
+}  // namespace
