@@ -10,8 +10,8 @@ endif()
 string(TIMESTAMP now "%Y-%m-%d %H:%M:%S UTC" UTC)
 set(text "// Generated at build time.
 #include \"steer_version.h\"
-const char g_steer_version[] = \"${VERSION} (${rev})\\n\";
-const char g_steer_build[] = \"${now}, ${COMPILER}, ${PLATFORM} platform\\n\";
+const char g_steer_version[] = \"${VERSION} (${rev})\";
+const char g_steer_build[] = \"${now}, ${COMPILER}, ${PLATFORM} platform\";
 ")
 if(EXISTS ${OUT})
   file(READ ${OUT} old)

@@ -1,4 +1,5 @@
-// The version and build strings, produced at build time; each ends with a newline.
+// The version and build strings, produced at build time. They carry no line
+// end of their own, so that -V prints exactly two lines.
 #ifndef STEER_VERSION_H
 #define STEER_VERSION_H
 

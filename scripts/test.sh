@@ -1,0 +1,32 @@
+#!/usr/bin/env bash
+# The project's one test command (CI runs it too): installs what is missing,
+# then builds and tests twice, normally and with AddressSanitizer +
+# UndefinedBehaviorSanitizer, and runs the daemon for real in private namespaces.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+./scripts/setup.sh
+
+python=/usr/bin/python3
+
+build() {
+  local dir=$1
+  shift
+  cmake -S . -B "$dir" -G Ninja -DBANDHERD_WERROR=ON "$@" >/dev/null
+  cmake --build "$dir"
+}
+
+echo "== normal build"
+build build -DCMAKE_BUILD_TYPE=RelWithDebInfo
+ctest --test-dir build --output-on-failure -j "$(nproc)"
+
+echo "== sanitizer build (ASan + UBSan)"
+build build-asan -DCMAKE_BUILD_TYPE=Debug -DBANDHERD_SANITIZE=ON
+ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
+  ctest --test-dir build-asan --output-on-failure -j "$(nproc)"
+
+echo "== the daemon as a user runs it (sanitizer build)"
+BANDHERD_BIN=build-asan/src/bandherd "$python" -m pytest -q -p no:cacheprovider tests/lab/test_startup.py
+
+echo "== lab tests (normal build)"
+BANDHERD_BIN=build/src/bandherd "$python" -m pytest -q -p no:cacheprovider tests/lab
