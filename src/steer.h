@@ -111,12 +111,13 @@ inline int mac_scan(const char *text, uint8_t *mac)
 
 // ---------------------------------------------------------------------------
 // Intrusive doubly linked list: a record carries a `slist_link` member and a
-// list of such records is `SLIST(type, member)`. New entries go to the head,
+// list of such records is `SLIST(type, member)`. The link is a plain pair of
+// pointers, so records stay plain data (calloc, memset, static storage). New entries go to the head,
 // so iteration sees the newest first. Iterating is safe against removing the
 // current entry.
 struct slist_link {
-    slist_link *next = nullptr;
-    slist_link *prev = nullptr;
+    slist_link *next;
+    slist_link *prev;
 
     bool linked() const { return next != nullptr; }
 };
@@ -124,7 +125,7 @@ struct slist_link {
 template <typename T, size_t Off>
 class slist {
 public:
-    slist() { head_.next = head_.prev = &head_; }
+    slist() : head_{&head_, &head_} {}
     slist(const slist &) = delete;
     slist &operator=(const slist &) = delete;
 

@@ -7,7 +7,10 @@
 
 #include "steer.h"
 #include "steer_conf.h"
+#include "steer_drv.h"
 #include "steer_ev.h"
+#include "steer_msg.h"
+#include "steer_ven.h"
 #include "steer_version.h"
 
 namespace {
@@ -68,6 +71,9 @@ struct steer_module {
 
 const steer_module s_modules[] = {
     {sev_init, sev_exit},
+    {smsg_init, smsg_exit},
+    {sdrv_init, sdrv_exit},
+    {sven_init, sven_exit},
 };
 
 void steer_init()

@@ -5,6 +5,8 @@
 
 #include <uv.h>
 
+#include "cm_uv_loop.h"
+
 #include <cstdio>
 #include <cstdlib>
 
@@ -14,9 +16,7 @@ uv_loop_t *s_loop;
 
 uv_loop_t *cm_loop()
 {
-    if (!s_loop)
-        cm_init();
-    return s_loop;
+    return cm_uv_loop();
 }
 
 void cm_free_handle(uv_handle_t *h)
@@ -26,8 +26,7 @@ void cm_free_handle(uv_handle_t *h)
 
 void cm_close(uv_handle_t *h)
 {
-    h->data = nullptr;
-    uv_close(h, cm_free_handle);
+    cm_uv_close_free(h);
 }
 
 template <typename H>
@@ -83,6 +82,19 @@ uint64_t cm_ms(double seconds)
 }
 
 }  // namespace
+
+uv_loop_t *cm_uv_loop()
+{
+    if (!s_loop)
+        cm_init();
+    return s_loop;
+}
+
+void cm_uv_close_free(uv_handle_t *h)
+{
+    h->data = nullptr;
+    uv_close(h, cm_free_handle);
+}
 
 extern "C" {
 

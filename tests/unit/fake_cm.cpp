@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <list>
 
 namespace {
@@ -170,6 +171,26 @@ void cm_poll_stop(struct cm_poll *poll)
     s_polls.remove(p);
     delete p;
     poll->impl = nullptr;
+}
+
+// No stream I/O in the fake loop: the transport runs without receiving.
+size_t sdslen(const sds s)
+{
+    return s ? strlen(s) : 0;
+}
+
+void sdsfree(sds s)
+{
+    free(s);
+}
+
+int cm_io_listen(struct cm_io *, const char *) { return -1; }
+int cm_io_accept(struct cm_io *, struct cm_io *, cm_io_accept_cb, double) { return -1; }
+int cm_io_read(struct cm_io *, size_t, cm_io_read_cb, double) { return -1; }
+int cm_io_close(struct cm_io *io)
+{
+    io->status = CM_IO_CLOSED;
+    return 0;
 }
 
 void cm_abort(const char *msg)

@@ -1,24 +1,200 @@
 #include "fake_uwb.h"
 
 #include <cstdio>
+#include <cstring>
+
+#include "maps.h"
 
 fake_uwb_state g_fake_uwb;
+
+namespace {
+
+fake_uwb_vap *find_vap(const char *ifname)
+{
+    auto it = g_fake_uwb.vaps.find(ifname);
+    if (it != g_fake_uwb.vaps.end())
+        return &it->second;
+    for (auto &[name, vap] : g_fake_uwb.vaps)
+        if (vap.os_ifname == ifname)
+            return &vap;
+    return nullptr;
+}
+
+std::string mac_text(const uint8_t *m)
+{
+    char buf[18];
+    snprintf(buf, sizeof(buf), "%02x:%02x:%02x:%02x:%02x:%02x", m[0], m[1], m[2], m[3], m[4], m[5]);
+    return buf;
+}
+
+void record(const std::string &call)
+{
+    g_fake_uwb.calls.push_back(call);
+}
+
+}  // namespace
 
 void fake_uwb_reset()
 {
     g_fake_uwb = fake_uwb_state{};
 }
 
+std::vector<std::string> fake_uwb_calls(const std::string &prefix)
+{
+    std::vector<std::string> out;
+    for (const std::string &c : g_fake_uwb.calls)
+        if (c.rfind(prefix, 0) == 0)
+            out.push_back(c);
+    return out;
+}
+
 extern "C" {
 
 int uwb_get_os_ifname(const char *ifname, char *osif, int size)
 {
-    g_fake_uwb.calls++;
+    g_fake_uwb.os_ifname_calls++;
     auto it = g_fake_uwb.os_ifname.find(ifname);
-    if (it == g_fake_uwb.os_ifname.end())
+    if (it != g_fake_uwb.os_ifname.end()) {
+        snprintf(osif, (size_t)size, "%s", it->second.c_str());
+        return 0;
+    }
+    fake_uwb_vap *vap = find_vap(ifname);
+    if (!vap)
         return -1;
-    snprintf(osif, (size_t)size, "%s", it->second.c_str());
+    snprintf(osif, (size_t)size, "%s", vap->os_ifname.c_str());
     return 0;
 }
 
+int uwb_get_mib_ifname(const char *ifname, char *mib_ifname, int size)
+{
+    for (auto &[name, vap] : g_fake_uwb.vaps) {
+        if (vap.os_ifname == ifname) {
+            snprintf(mib_ifname, (size_t)size, "%s", name.c_str());
+            return 0;
+        }
+    }
+    return -1;
 }
+
+int uwb_get_bssmode(const char *mib_ifname, char *mode, int size)
+{
+    fake_uwb_vap *vap = find_vap(mib_ifname);
+    if (!vap || vap->mode.empty())
+        return -1;
+    snprintf(mode, (size_t)size, "%s", vap->mode.c_str());
+    return 0;
+}
+
+int uwb_get_ap_cap(const char *ifname, uwb_ap_cap_t *caps)
+{
+    fake_uwb_vap *vap = find_vap(ifname);
+    if (!vap)
+        return -1;
+    *caps = vap->caps;
+    return 0;
+}
+
+int uwb_get_chan_info(const char *ifname, uwb_chan_info_t *info)
+{
+    fake_uwb_vap *vap = find_vap(ifname);
+    if (!vap)
+        return -1;
+    info->channel = (uint8_t)vap->channel;
+    return 0;
+}
+
+int uwb_get_channel_list(const char *ifname, uwb_chan_list_t *list)
+{
+    fake_uwb_vap *vap = find_vap(ifname);
+    if (!vap)
+        return -1;
+    list->count = (int)vap->channels.size();
+    memcpy(list->channels, vap->channels.data(), vap->channels.size());
+    return 0;
+}
+
+int uwb_get_ssid(const char *ifname, char *ssid, size_t size)
+{
+    fake_uwb_vap *vap = find_vap(ifname);
+    if (!vap)
+        return -1;
+    snprintf(ssid, size, "%s", vap->ssid.c_str());
+    return 0;
+}
+
+int uwb_get_sta_maxnum(const char *ifname)
+{
+    fake_uwb_vap *vap = find_vap(ifname);
+    return vap ? vap->sta_max : -1;
+}
+
+int uwb_get_sta_info(const char *, const uint8_t *macs, uwb_sta_info_t *info, int, int *count)
+{
+    if (g_fake_uwb.link_rate < 0)
+        return -1;
+    memcpy(info->mac, macs, 6);
+    info->rate = g_fake_uwb.link_rate;
+    *count = 1;
+    return 0;
+}
+
+int uwb_get_bssid(const char *, uint8_t *bssid, int)
+{
+    if (g_fake_uwb.bssid.empty())
+        return -1;
+    return sscanf(g_fake_uwb.bssid.c_str(), "%hhx:%hhx:%hhx:%hhx:%hhx:%hhx", &bssid[0], &bssid[1], &bssid[2],
+                  &bssid[3], &bssid[4], &bssid[5]) == 6
+               ? 0
+               : -1;
+}
+
+int uwb_kick_sta(const char *ifname, const uint8_t *mac, int)
+{
+    record(std::string("kick_sta ") + ifname + " " + mac_text(mac));
+    return 0;
+}
+
+int uwb_set_bssload(const char *ifname, int load)
+{
+    record(std::string("set_bssload ") + ifname + " " + std::to_string(load));
+    return 0;
+}
+
+int uwb_add_rrm_neighbor(const char *ifname, const uwb_rrm_nbr_t *e)
+{
+    record(std::string("add_rrm_neighbor ") + ifname + " " + e->ifname + " " + mac_text(e->bssid) + " " +
+           std::to_string(e->channel) + " " + std::to_string(e->band) + " " + std::string(e->ssid, e->ssid_len));
+    return g_fake_uwb.rrm_result;
+}
+
+int uwb_del_rrm_neighbor(const char *ifname, const uint8_t *bssid, int)
+{
+    record(std::string("del_rrm_neighbor ") + ifname + " " + mac_text(bssid));
+    return g_fake_uwb.rrm_result;
+}
+
+int uwb_beacon_req(const char *ifname, const beacon_req_params_t *p)
+{
+    record(std::string("beacon_req ") + ifname + " " + mac_text(p->sta_mac) + " " + std::to_string(p->channel));
+    return 0;
+}
+
+int uwb_bss_trans_req(const char *ifname, const struct maps_msg_bss_trans_req *req)
+{
+    record(std::string("bss_trans_req ") + ifname + " " + mac_text(req->sta) + " " + mac_text(req->bss));
+    return 0;
+}
+
+int uwb_steer_maps(const char *ifname, void *req, size_t size, void *rsp)
+{
+    auto *buf = static_cast<uint8_t *>(req);
+    record(std::string("steer_maps ") + ifname + " " + std::to_string(buf[MAPS_MAGIC_LEN]) + " " +
+           std::to_string(size));
+    if (rsp != req)
+        memcpy(rsp, req, size);
+    if (g_fake_uwb.steer_maps)
+        return g_fake_uwb.steer_maps(ifname, static_cast<uint8_t *>(rsp), size);
+    return 0;
+}
+
+}  // extern "C"

@@ -1,18 +1,40 @@
-// A Wi-Fi base library for unit tests: answers come from a table the test fills.
+// A Wi-Fi base library for unit tests: answers come from tables the test
+// fills, and every call that changes something is recorded.
 #ifndef FAKE_UWB_H
 #define FAKE_UWB_H
 
+#include <functional>
 #include <map>
 #include <string>
+#include <vector>
 
 #include "uwb.h"
 
+struct fake_uwb_vap {
+    std::string os_ifname;  // kernel name
+    std::string mode = "AP";
+    uwb_ap_cap_t caps = {1, 1};
+    int channel = 0;
+    std::vector<uint8_t> channels;
+    std::string ssid;
+    int sta_max = 32;
+};
+
 struct fake_uwb_state {
-    std::map<std::string, std::string> os_ifname;  // Wi-Fi name -> kernel name
-    int calls = 0;                                  // every call counts
+    std::map<std::string, fake_uwb_vap> vaps;  // by configuration-store name
+    std::map<std::string, std::string> os_ifname;  // extra name translations
+    // Answers a MAPS command in place; the default echoes it.
+    std::function<int(const std::string &ifname, uint8_t *buf, size_t size)> steer_maps;
+    std::string bssid;  // uplink BSSID of any station interface, "" = call fails
+    int link_rate = -1;  // -1 = sta_info fails
+    int rrm_result = 0;
+    std::vector<std::string> calls;  // "name ifname args..." of recorded calls
+    int os_ifname_calls = 0;
 };
 
 extern fake_uwb_state g_fake_uwb;
 void fake_uwb_reset();
+// Calls recorded so far whose text starts with `prefix`.
+std::vector<std::string> fake_uwb_calls(const std::string &prefix);
 
 #endif

@@ -251,7 +251,7 @@ int steer_record_to_steering_log()
 
 TEST(SlogSteer, SteerRecordsGoToTheSteeringLog)
 {
-    int rc = run_in_sandbox(SANDBOX_VAR_RUN, steer_record_to_steering_log);
+    int rc = run_in_sandbox(SANDBOX_VAR, steer_record_to_steering_log);
     if (rc == SANDBOX_UNAVAILABLE)
         GTEST_SKIP() << "no private mount namespace here";
     EXPECT_EQ(rc, 0);

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -101,8 +102,12 @@ bool enter_namespaces(int flags)
         return false;
     if ((flags & SANDBOX_NET) && mount("sysfs", "/sys", "sysfs", 0, nullptr) != 0)
         return false;
-    if ((flags & SANDBOX_VAR_RUN) && mount("tmpfs", "/var/run", "tmpfs", 0, nullptr) != 0)
-        return false;
+    if (flags & SANDBOX_VAR) {
+        if (mount("tmpfs", "/var", "tmpfs", 0, nullptr) != 0)
+            return false;
+        mkdir("/var/run", 0755);
+        mkdir("/var/run/maps", 0755);
+    }
     return true;
 }
 

@@ -52,7 +52,7 @@ constexpr int SANDBOX_UNAVAILABLE = 77;
 
 enum sandbox_flags {
     SANDBOX_NET = 1,      // a network namespace of its own
-    SANDBOX_VAR_RUN = 2,  // a fresh tmpfs on /var/run
+    SANDBOX_VAR = 2,      // a fresh tmpfs on /var, with run/ and run/maps/ in it
 };
 
 // Runs fn in a child with private mount namespace (and user namespace when

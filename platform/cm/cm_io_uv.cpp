@@ -1,0 +1,215 @@
+// Stream I/O of the event library over libuv pipes (Unix-domain sockets).
+// Accepts and reads are one-shot: each delivers once and is armed again by
+// its user. libuv handles live apart from the user's cm_io record, so a
+// record may be freed right after cm_io_close.
+#include <uv.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "cm.h"
+#include "cm_uv_loop.h"
+
+namespace {
+
+constexpr size_t CM_IO_CHUNK = 65536;  // one read delivers at most this much
+constexpr const char *CM_UNIX_PREFIX = "unix://";
+
+struct cm_io_uv {
+    uv_pipe_t pipe;  // first: the handle is also the record
+    cm_io *owner;    // null once the user closed it
+    bool conn_pending;
+};
+
+// An sds is its bytes and a NUL, preceded by its length.
+struct sds_hdr {
+    size_t len;
+    char buf[];
+};
+
+sds_hdr *sds_of(sds s)
+{
+    return reinterpret_cast<sds_hdr *>(s - offsetof(sds_hdr, buf));
+}
+
+cm_io_uv *cm_io_new_impl(cm_io *owner)
+{
+    auto *impl = static_cast<cm_io_uv *>(calloc(1, sizeof(cm_io_uv)));
+    if (!impl)
+        cm_abort("cm: out of memory");
+    uv_pipe_init(cm_uv_loop(), &impl->pipe, 0);
+    impl->pipe.data = impl;
+    impl->owner = owner;
+    return impl;
+}
+
+uv_stream_t *stream_of(cm_io *io)
+{
+    return reinterpret_cast<uv_stream_t *>(&static_cast<cm_io_uv *>(io->impl)->pipe);
+}
+
+void cm_io_attach(cm_io *io, cm_io_uv *impl)
+{
+    io->impl = impl;
+    uv_os_fd_t fd = -1;
+    uv_fileno(reinterpret_cast<uv_handle_t *>(&impl->pipe), &fd);
+    io->fd = fd;
+    io->status = CM_IO_CONNECTED;
+}
+
+void cm_io_do_accept(cm_io *server)
+{
+    cm_io *client = server->accept_client;
+    cm_io_accept_cb cb = server->accept_cb;
+    server->accept_client = nullptr;
+    server->accept_cb = nullptr;
+
+    cm_io_uv *impl = cm_io_new_impl(client);
+    int rc = uv_accept(stream_of(server), reinterpret_cast<uv_stream_t *>(&impl->pipe));
+    if (rc != 0) {
+        cm_uv_close_free(reinterpret_cast<uv_handle_t *>(&impl->pipe));
+        cb(server, client, rc);
+        return;
+    }
+    cm_io_attach(client, impl);
+    cb(server, client, 0);
+}
+
+void cm_io_deferred_accept(void *data)
+{
+    auto *server = static_cast<cm_io *>(data);
+    if (server->impl && server->accept_cb)
+        cm_io_do_accept(server);
+}
+
+void cm_io_on_connection(uv_stream_t *stream, int status)
+{
+    auto *impl = static_cast<cm_io_uv *>(stream->data);
+    if (!impl || !impl->owner)
+        return;
+    cm_io *server = impl->owner;
+    if (!server->accept_cb) {
+        if (status == 0)
+            impl->conn_pending = true;
+        return;
+    }
+    if (status < 0) {
+        cm_io *client = server->accept_client;
+        cm_io_accept_cb cb = server->accept_cb;
+        server->accept_client = nullptr;
+        server->accept_cb = nullptr;
+        cb(server, client, status);
+        return;
+    }
+    cm_io_do_accept(server);
+}
+
+void cm_io_alloc(uv_handle_t *h, size_t, uv_buf_t *buf)
+{
+    auto *impl = static_cast<cm_io_uv *>(h->data);
+    size_t want = CM_IO_CHUNK;
+    if (impl && impl->owner && impl->owner->read_len && impl->owner->read_len < want)
+        want = impl->owner->read_len;
+    auto *hdr = static_cast<sds_hdr *>(malloc(sizeof(sds_hdr) + want + 1));
+    if (!hdr) {
+        *buf = uv_buf_init(nullptr, 0);
+        return;
+    }
+    *buf = uv_buf_init(hdr->buf, (unsigned)want);
+}
+
+void cm_io_on_read(uv_stream_t *stream, ssize_t nread, const uv_buf_t *buf)
+{
+    auto *impl = static_cast<cm_io_uv *>(stream->data);
+    sds data = buf->base;
+    if (nread == 0 || !impl || !impl->owner) {
+        sdsfree(data);
+        return;
+    }
+    cm_io *client = impl->owner;
+    uv_read_stop(stream);
+    cm_io_read_cb cb = client->read_cb;
+    client->read_cb = nullptr;
+    if (nread < 0) {
+        sdsfree(data);
+        cb(client, nread, nullptr, (int)nread);
+        return;
+    }
+    sds_hdr *hdr = sds_of(data);
+    hdr->len = (size_t)nread;
+    hdr->buf[nread] = '\0';
+    cb(client, nread, data, 0);
+}
+
+}  // namespace
+
+extern "C" {
+
+size_t sdslen(const sds s)
+{
+    return sds_of(s)->len;
+}
+
+void sdsfree(sds s)
+{
+    if (s)
+        free(sds_of(s));
+}
+
+int cm_io_listen(struct cm_io *server, const char *address)
+{
+    size_t plen = strlen(CM_UNIX_PREFIX);
+    if (!server || !address || strncmp(address, CM_UNIX_PREFIX, plen) != 0)
+        return -1;
+    cm_io_uv *impl = cm_io_new_impl(server);
+    auto *stream = reinterpret_cast<uv_stream_t *>(&impl->pipe);
+    if (uv_pipe_bind(&impl->pipe, address + plen) != 0 || uv_listen(stream, 128, cm_io_on_connection) != 0) {
+        cm_uv_close_free(reinterpret_cast<uv_handle_t *>(&impl->pipe));
+        return -1;
+    }
+    cm_io_attach(server, impl);
+    return 0;
+}
+
+int cm_io_accept(struct cm_io *server, struct cm_io *client, cm_io_accept_cb cb, double timeout)
+{
+    if (!server || !server->impl || !client || !cb || timeout >= 0)
+        return -1;
+    server->accept_client = client;
+    server->accept_cb = cb;
+    auto *impl = static_cast<cm_io_uv *>(server->impl);
+    if (impl->conn_pending) {
+        // A connection came while no accept was armed: take it on the next pass.
+        impl->conn_pending = false;
+        cm_timeout(0, cm_io_deferred_accept, server);
+    }
+    return 0;
+}
+
+int cm_io_read(struct cm_io *client, size_t len, cm_io_read_cb cb, double timeout)
+{
+    if (!client || !client->impl || !cb || timeout >= 0)
+        return -1;
+    client->read_cb = cb;
+    client->read_len = len;
+    return uv_read_start(stream_of(client), cm_io_alloc, cm_io_on_read) == 0 ? 0 : -1;
+}
+
+int cm_io_close(struct cm_io *io)
+{
+    if (!io)
+        return -1;
+    auto *impl = static_cast<cm_io_uv *>(io->impl);
+    if (impl) {
+        impl->owner = nullptr;
+        cm_uv_close_free(reinterpret_cast<uv_handle_t *>(&impl->pipe));
+    }
+    io->impl = nullptr;
+    io->fd = -1;
+    io->status = CM_IO_CLOSED;
+    io->read_cb = nullptr;
+    io->accept_cb = nullptr;
+    return 0;
+}
+
+}  // extern "C"

@@ -1,0 +1,3 @@
+#include "steer_ap.h"
+
+sap_node_t g_self;

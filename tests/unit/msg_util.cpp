@@ -1,0 +1,15 @@
+#include "msg_util.h"
+
+#include <cstring>
+
+std::vector<uint8_t> mesh_message(const uint8_t *sa, const uint8_t *da, const std::string &type,
+                                  const std::string &text, bool nul)
+{
+    std::vector<uint8_t> msg(44 + text.size() + (nul ? 1 : 0), 0);
+    memcpy(msg.data(), sa, 6);
+    memcpy(msg.data() + 6, da, 6);
+    memcpy(msg.data() + 12, type.data(), type.size() < 32 ? type.size() : 32);
+    if (!text.empty())
+        memcpy(msg.data() + 44, text.data(), text.size());
+    return msg;
+}

@@ -1,0 +1,270 @@
+#include <gtest/gtest.h>
+#include <linux/netlink.h>
+
+#include <regex>
+
+#include "fake_cm.h"
+#include "fake_platform.h"
+#include "fake_uwb.h"
+#include "steer.h"
+#include "steer_drv.h"
+#include "test_util.h"
+
+namespace {
+
+struct seen_event {
+    int calls = 0;
+    uint8_t event = 0;
+    uint32_t size = 0;
+    std::vector<uint8_t> payload;
+};
+
+seen_event s_seen;
+
+void record_event(uint8_t event, void *data, uint32_t size)
+{
+    s_seen.calls++;
+    s_seen.event = event;
+    s_seen.size = size;
+    auto *p = static_cast<uint8_t *>(data);
+    s_seen.payload.assign(p, p + size);
+}
+
+void other_callback(uint8_t, void *, uint32_t) {}
+
+// A driver whose one VAP "wl0" is the kernel interface lo, answering the
+// ioctl ping with `pong`.
+void driver_with_vap(const char *pong = "pong")
+{
+    fake_uwb_vap vap;
+    vap.os_ifname = "lo";
+    g_fake_uwb.vaps["wl0"] = vap;
+    std::string answer = pong;
+    g_fake_uwb.steer_maps = [answer](const std::string &, uint8_t *buf, size_t size) {
+        if (buf[7] == MAPS_CMD_PING && size == 12)
+            memcpy(buf + 8, answer.data(), 4);
+        return 0;
+    };
+}
+
+class SdrvTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        fake_cm_reset();
+        fake_uwb_reset();
+        fake_platform_reset();
+        s_seen = seen_event{};
+    }
+    void TearDown() override
+    {
+        sdrv_exit();
+        fake_cm_reset();
+    }
+};
+
+void deliver(const std::vector<uint8_t> &msg)
+{
+    g_fake_nl.incoming.push_back(msg);
+    sdrv_read(g_fake_nl.fd, 1, nullptr);
+}
+
+TEST_F(SdrvTest, EventsAreCheckedThenDispatchedByCode)
+{
+    sdrv_register_event(MAPS_EV_STA_LEAVE, record_event);
+    log_capture log;
+
+    deliver(std::vector<uint8_t>(15, 0));  // shorter than a netlink header
+    auto longer = nl_event(MAPS_EV_STA_LEAVE, "abcdef", 6);
+    longer.resize(26);  // the header claims 30 bytes
+    deliver(longer);
+    auto short_len = nl_event(MAPS_EV_STA_LEAVE, nullptr, 0);
+    short_len[0] = 23;
+    deliver(short_len);
+    deliver(nl_event(MAPS_EV_STA_LEAVE, nullptr, 0, "steerit"));
+    deliver(nl_event(99, "x", 1));
+    EXPECT_EQ(s_seen.calls, 0);
+
+    std::regex lines("error sdrv_read:[0-9]+, read error! ret=15, errno=[0-9]+:.*\n"
+                     "error sdrv_read:[0-9]+, wrong message length 30, read 26\n"
+                     "error sdrv_read:[0-9]+, message is too short 23\n"
+                     "error sdrv_read:[0-9]+, wrong magic.\n"
+                     "warning sdrv_read:[0-9]+, event 99 is not registered\n");
+    EXPECT_TRUE(std::regex_match(log.text(), lines)) << log.text();
+}
+
+TEST_F(SdrvTest, PayloadSizeComesFromTheNetlinkLength)
+{
+    sdrv_register_event(MAPS_EV_STA_BAND, record_event);
+    deliver(nl_event(MAPS_EV_STA_BAND, nullptr, 0));  // exactly 24 bytes
+    EXPECT_EQ(s_seen.calls, 1);
+    EXPECT_EQ(s_seen.event, MAPS_EV_STA_BAND);
+    EXPECT_EQ(s_seen.size, 0u);
+
+    auto padded = nl_event(MAPS_EV_STA_BAND, "\x01\x02\x03", 3);
+    padded.resize(32, 0xee);  // padding after nlmsg_len is not payload
+    deliver(padded);
+    EXPECT_EQ(s_seen.calls, 2);
+    EXPECT_EQ(s_seen.payload, (std::vector<uint8_t>{1, 2, 3}));
+}
+
+TEST_F(SdrvTest, SecondRegistrationOfAnEventKeepsTheFirst)
+{
+    sdrv_register_event(MAPS_EV_REJECT, record_event);
+    log_capture log;
+    sdrv_register_event(MAPS_EV_REJECT, other_callback);
+    deliver(nl_event(MAPS_EV_REJECT, "123456789", 9));
+    EXPECT_EQ(s_seen.calls, 1);
+    std::regex line("error sdrv_register_event:[0-9]+, event 8 is already regitered\n");
+    EXPECT_TRUE(std::regex_match(log.text(), line)) << log.text();
+    EXPECT_DEATH(sdrv_register_event(MAPS_EV_BEACON_REP, nullptr), "'cb' is not satisfied");
+}
+
+TEST_F(SdrvTest, SendPadsAsNetlinkDoes)
+{
+    ASSERT_EQ(sdrv_send(MAPS_EV_PING, "hello", 5), 0);
+    ASSERT_EQ(g_fake_nl.sent.size(), 1u);
+    const std::vector<uint8_t> &m = g_fake_nl.sent[0];
+    ASSERT_EQ(m.size(), 32u);  // 16 + 8 + 5, rounded up to 4
+    nlmsghdr nlh;
+    memcpy(&nlh, m.data(), sizeof(nlh));
+    EXPECT_EQ(nlh.nlmsg_len, 32u);
+    EXPECT_EQ(nlh.nlmsg_pid, 3333u);
+    EXPECT_EQ(nlh.nlmsg_type, 0);
+    EXPECT_EQ(std::string(m.begin() + 16, m.begin() + 23), "steerin");
+    EXPECT_EQ(m[23], MAPS_EV_PING);
+    EXPECT_EQ(std::string(m.begin() + 24, m.begin() + 29), "hello");
+    EXPECT_EQ(std::vector<uint8_t>(m.begin() + 29, m.end()), std::vector<uint8_t>(3, 0));
+
+    g_fake_nl.send_result = -1;
+    log_capture log;
+    EXPECT_EQ(sdrv_send(MAPS_EV_PING, nullptr, 0), -1);
+    EXPECT_NE(log.text().find("send failed, ret=-1"), std::string::npos);
+
+    std::vector<uint8_t> big(1001);
+    EXPECT_DEATH(sdrv_send(MAPS_EV_PING, big.data(), 1001),
+                 "'NLMSG_SPACE\\(sizeof\\(maps_msg_head_t\\) \\+ size\\) <= SDRV_BUFF_SIZE' is not satisfied");
+}
+
+TEST_F(SdrvTest, IoctlCarriesTheAnswerBackAndChecksSizes)
+{
+    g_fake_uwb.steer_maps = [](const std::string &, uint8_t *buf, size_t) {
+        buf[8] = 0x5a;  // the driver answers in the same buffer
+        return 0;
+    };
+    uint8_t data[1016] = {1, 2};
+    EXPECT_EQ(sdrv_ioctl(MAPS_CMD_DBG, data, sizeof(data), "wl1"), 0);
+    EXPECT_EQ(data[0], 0x5a);
+    EXPECT_EQ(fake_uwb_calls("steer_maps"), (std::vector<std::string>{"steer_maps wl1 10 1024"}));
+
+    EXPECT_DEATH(sdrv_ioctl(MAPS_CMD_DBG, data, 1017, "wl1"),
+                 "'sizeof\\(maps_msg_head_t\\) \\+ size <= SDRV_BUFF_SIZE' is not satisfied");
+    EXPECT_DEATH(sdrv_ioctl(MAPS_CMD_DBG, nullptr, 4, "wl1"), "'\\(!!data\\) == \\(!!size\\)' is not satisfied");
+    EXPECT_DEATH(sdrv_ioctl(MAPS_CMD_DBG, data, 0, "wl1"), "'\\(!!data\\) == \\(!!size\\)' is not satisfied");
+}
+
+TEST_F(SdrvTest, IoctlFailuresAreReported)
+{
+    log_capture log;
+    g_fake_uwb.steer_maps = [](const std::string &, uint8_t *, size_t) { return -1; };
+    EXPECT_EQ(sdrv_ioctl(MAPS_CMD_CLEAN, nullptr, 0, "wl0"), -1);
+    g_fake_uwb.steer_maps = [](const std::string &, uint8_t *buf, size_t) {
+        buf[0] = 'X';
+        return 0;
+    };
+    uint8_t data[4] = {};
+    EXPECT_EQ(sdrv_ioctl(MAPS_CMD_DBG, data, 4, "wl0"), -1);
+    std::regex lines("error sdrv_ioctl:[0-9]+, ioctl failed\n"
+                     "error sdrv_ioctl:[0-9]+, invalid magic\n");
+    EXPECT_TRUE(std::regex_match(log.text(), lines)) << log.text();
+}
+
+TEST_F(SdrvTest, StartUpProvesBothDirectionsAndCleansTheDriver)
+{
+    driver_with_vap();
+    log_capture log;
+    slog_set_level(nullptr, SLOG_DEBUG);
+    sdrv_init();
+
+    EXPECT_NE(log.text().find("use default interface name wl0"), std::string::npos);
+    // The ioctl ping, then the driver is told to forget everything.
+    EXPECT_EQ(fake_uwb_calls("steer_maps"),
+              (std::vector<std::string>{"steer_maps wl0 0 12", "steer_maps wl0 9 8"}));
+    ASSERT_EQ(g_fake_nl.sent.size(), 1u);
+    EXPECT_EQ(g_fake_nl.sent[0].size(), 24u);
+    EXPECT_EQ(g_fake_nl.sent[0][23], MAPS_EV_PING);
+    EXPECT_EQ(fake_cm_timers(), 1);  // waiting for the pong
+    EXPECT_EQ(fake_cm_poll_events(42), CM_POLL_READ);
+
+    g_fake_nl.incoming.push_back(nl_event(MAPS_EV_PONG, "MAPS_API_V2", 12));
+    ASSERT_TRUE(fake_cm_fire_poll(42, CM_POLL_READ));
+    EXPECT_EQ(fake_cm_timers(), 0);
+    EXPECT_NE(log.text().find("receive reponse via netlink. version 'MAPS_API_V2'"), std::string::npos);
+    fake_cm_advance(10);  // no time-out any more
+
+    sdrv_exit();
+    EXPECT_EQ(fake_uwb_calls("steer_maps").back(), "steer_maps wl0 9 8");
+    slog_set_level(nullptr, SLOG_INFO);
+}
+
+// Runs `body` in a death test and returns the log it wrote.
+template <typename F>
+std::string log_of_death(F body, const char *stderr_pattern = "")
+{
+    temp_dir dir;
+    std::string path = dir.file("log");
+    EXPECT_DEATH(
+        {
+            slog_set_print_time(false);
+            slog_set_path(path.c_str());
+            body();
+        },
+        stderr_pattern);
+    return read_file(path);
+}
+
+TEST_F(SdrvTest, StartUpFailuresAreFatal)
+{
+    // No interface is a VAP.
+    std::string log = log_of_death([] { sdrv_init(); });
+    EXPECT_TRUE(std::regex_search(log, std::regex("fatal sdrv_init:[0-9]+, can't find any VAP\n"))) << log;
+
+    driver_with_vap("ping");
+    log = log_of_death([] { sdrv_init(); });
+    EXPECT_TRUE(std::regex_search(log, std::regex("error sdrv_ioct_test:[0-9]+, wrong content 'ping'\n"
+                                                  "fatal sdrv_ioct_test:[0-9]+, ioctl test failed.\n")))
+        << log;
+
+    driver_with_vap();
+    g_fake_nl.bind_result = -1;
+    log = log_of_death([] { sdrv_init(); });
+    EXPECT_TRUE(std::regex_search(
+        log, std::regex("fatal sdrv_init_nl:[0-9]+, netlink bind failed, another instance may be running.\n")))
+        << log;
+}
+
+TEST_F(SdrvTest, WrongVersionOrNoPongIsFatal)
+{
+    driver_with_vap();
+    std::string log = log_of_death([] {
+        sdrv_init();
+        g_fake_nl.incoming.push_back(nl_event(MAPS_EV_PONG, "MAPS_API_V3", 12));
+        fake_cm_fire_poll(42, CM_POLL_READ);
+    });
+    EXPECT_TRUE(std::regex_search(log, std::regex("fatal sdrv_pong_handler:[0-9]+, API version doesn't match. "
+                                                  "bandherd use version 'MAPS_API_V2', but driver provides "
+                                                  "'MAPS_API_V3'\n")))
+        << log;
+
+    log = log_of_death([] {
+        sdrv_init();
+        fake_cm_advance(4);
+        fprintf(stderr, "still waiting\n");
+        fake_cm_advance(1);
+    }, "still waiting");
+    EXPECT_TRUE(std::regex_search(
+        log, std::regex("fatal sdrv_pong_timeout:[0-9]+, waitting for response from driver timeout.\n")))
+        << log;
+}
+
+}  // namespace
