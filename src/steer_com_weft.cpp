@@ -96,8 +96,10 @@ void scom_init()
     cm_io *server = scom_new_io();
     char address[128];
     snprintf(address, sizeof(address), "unix://%s", SCOM_STEER_SOCKET);
-    if (cm_io_listen(server, address) != 0)
+    if (cm_io_listen(server, address) != 0) {
+        free(server);
         return;
+    }
     cm_io *client = scom_new_io();
     cm_io_accept(server, client, scom_unix_accept_handle, -1.0);
 }
