@@ -58,4 +58,18 @@ typedef struct sap_node {
 // This node.
 extern sap_node_t g_self;
 
+typedef void (*sap_radio_status_cb)(sap_radio_t *radio);
+
+// Builds g_self from the interfaces, the driver and "bandherd.ess", and
+// configures the driver; any inconsistency ends the daemon.
+void sap_init();
+void sap_exit();
+
+// The managed BSS with that index (1 to 31), or null.
+sap_bss_t *sap_get_bss(unsigned int index);
+sap_bss_t *sap_find_bss_on_node(sap_node_t *node, const uint8_t *bssid);
+// The one callback after each radio status update.
+void sap_set_radio_status_cb(sap_radio_status_cb cb);
+void sap_print_node(FILE *f, sap_node_t *node);
+
 #endif

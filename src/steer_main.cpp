@@ -7,6 +7,7 @@
 
 #include "steer.h"
 #include "steer_conf.h"
+#include "steer_ap.h"
 #include "steer_drv.h"
 #include "steer_ev.h"
 #include "steer_msg.h"
@@ -73,6 +74,7 @@ const steer_module s_modules[] = {
     {sev_init, sev_exit},
     {smsg_init, smsg_exit},
     {sdrv_init, sdrv_exit},
+    {sap_init, sap_exit},
     {sven_init, sven_exit},
 };
 

@@ -190,6 +190,7 @@ int uwb_steer_maps(const char *ifname, void *req, size_t size, void *rsp)
     auto *buf = static_cast<uint8_t *>(req);
     record(std::string("steer_maps ") + ifname + " " + std::to_string(buf[MAPS_MAGIC_LEN]) + " " +
            std::to_string(size));
+    g_fake_uwb.maps.push_back({ifname, buf[MAPS_MAGIC_LEN], std::vector<uint8_t>(buf + 8, buf + size)});
     if (rsp != req)
         memcpy(rsp, req, size);
     if (g_fake_uwb.steer_maps)

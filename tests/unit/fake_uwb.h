@@ -20,6 +20,13 @@ struct fake_uwb_vap {
     int sta_max = 32;
 };
 
+// A MAPS command as the driver received it.
+struct fake_maps_cmd {
+    std::string ifname;
+    int cmd;
+    std::vector<uint8_t> payload;
+};
+
 struct fake_uwb_state {
     std::map<std::string, fake_uwb_vap> vaps;  // by configuration-store name
     std::map<std::string, std::string> os_ifname;  // extra name translations
@@ -29,6 +36,7 @@ struct fake_uwb_state {
     int link_rate = -1;  // -1 = sta_info fails
     int rrm_result = 0;
     std::vector<std::string> calls;  // "name ifname args..." of recorded calls
+    std::vector<fake_maps_cmd> maps;  // every MAPS command, in order
     int os_ifname_calls = 0;
 };
 
