@@ -141,6 +141,16 @@ public:
         head_.next = l;
     }
 
+    // For the few lists that keep arrival order.
+    void add_tail(T *t)
+    {
+        slist_link *l = link(t);
+        l->prev = head_.prev;
+        l->next = &head_;
+        head_.prev->next = l;
+        head_.prev = l;
+    }
+
     static void del(T *t)
     {
         slist_link *l = link(t);
@@ -162,6 +172,8 @@ public:
     }
 
     T *first() { return empty() ? nullptr : entry(head_.next); }
+    // The entry after `t`, or null at the end.
+    T *next(T *t) { return link(t)->next == &head_ ? nullptr : entry(link(t)->next); }
 
     class iterator {
     public:

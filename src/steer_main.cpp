@@ -11,6 +11,9 @@
 #include "steer_drv.h"
 #include "steer_ev.h"
 #include "steer_msg.h"
+#include "steer_nei.h"
+#include "steer_rate.h"
+#include "steer_sta.h"
 #include "steer_ven.h"
 #include "steer_version.h"
 
@@ -74,7 +77,10 @@ const steer_module s_modules[] = {
     {sev_init, sev_exit},
     {smsg_init, smsg_exit},
     {sdrv_init, sdrv_exit},
+    {srate_init, srate_exit},
     {sap_init, sap_exit},
+    {snei_init, snei_exit},
+    {ssta_init, ssta_exit},
     {sven_init, sven_exit},
 };
 
