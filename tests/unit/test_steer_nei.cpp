@@ -1,0 +1,200 @@
+#include <gtest/gtest.h>
+
+#include <regex>
+
+#include "fake_cm.h"
+#include "fake_platform.h"
+#include "fake_uwb.h"
+#include "msg_util.h"
+#include "steer.h"
+#include "steer_msg.h"
+#include "steer_nei.h"
+#include "test_util.h"
+
+namespace {
+
+std::vector<std::string> s_events;
+
+void on_online(sap_node_t *node)
+{
+    char buf[32];
+    snprintf(buf, sizeof(buf), "online %02x", node->node_id[5]);
+    s_events.push_back(buf);
+}
+
+void on_offline(sap_node_t *node)
+{
+    char buf[32];
+    snprintf(buf, sizeof(buf), "offline %02x", node->node_id[5]);
+    s_events.push_back(buf);
+}
+
+void receive(const uint8_t *sa, const char *type, const std::string &json)
+{
+    std::vector<uint8_t> msg = mesh_message(sa, MAC_BCAST, type, json);
+    smsg_recv_handler(msg.data(), msg.size());
+}
+
+std::string heartbeat(const std::string &essid = "herd", int radios = 2, int hop = 1)
+{
+    std::string radio_list;
+    for (int i = 0; i < radios; i++)
+        radio_list += std::string(i ? "," : "") + R"({"work_band":2,"channel":)" + std::to_string(1 + 5 * i) +
+                      R"(,"load":7,"sta_num":1})";
+    return R"({"is_mpp":0,"link_rate2mpp":433,"hop":)" + std::to_string(hop) + R"(,"ess":[{"essid":")" + essid +
+           R"(","index":0}],"radio":[)" + radio_list +
+           R"(],"bss":[{"bssid":"02:00:00:00:0b:01","sta_num":3,"sta_max":32,"radio":1,"ess":0,"ifname":"wl0"},)"
+           R"({"bssid":"02:00:00:00:0b:02","sta_num":0,"sta_max":64,"radio":2,"ess":0,"ifname":"wl1"}]})";
+}
+
+uint8_t *node_mac(int i)
+{
+    static uint8_t mac[6];
+    const uint8_t base[6] = {0x02, 0x00, 0x00, 0x00, 0x10, 0x00};
+    memcpy(mac, base, 6);
+    mac[5] = (uint8_t)i;
+    return mac;
+}
+
+class SneiTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        fake_cm_reset();
+        fake_platform_reset();
+        fake_uwb_reset();
+        g_self = sap_node_t{};
+        snprintf(g_self.ess[0].essid, sizeof(g_self.ess[0].essid), "herd");
+        g_time = 1000;
+        smsg_init();
+        snei_init();
+        snei_set_init_cb(on_online);
+        snei_set_fini_cb(on_offline);
+        s_events.clear();
+    }
+    void TearDown() override
+    {
+        // Every neighbour says goodbye.
+        for (int i = 0; i < 40; i++)
+            receive(node_mac(i), "SNEI_EXIT", "{}");
+        EXPECT_EQ(snei_get_cnt(), 0);
+        fake_cm_reset();
+    }
+};
+
+TEST_F(SneiTest, HeartbeatCreatesAndRefreshesTheNeighbourRecord)
+{
+    receive(node_mac(1), "SNEI_HEARTBEAT", heartbeat());
+    ASSERT_EQ(snei_get_cnt(), 1);
+    sap_node_t *node = snei_find(node_mac(1));
+    ASSERT_NE(node, nullptr);
+    EXPECT_EQ(node->link_rate2mpp, 433);
+    EXPECT_FALSE(node->is_mpp);
+    EXPECT_EQ(node->hop, 1);
+    EXPECT_EQ(node->time_stamp, 1000);
+    EXPECT_STREQ(node->ess[0].essid, "herd");
+    EXPECT_EQ(node->radios[2].channel, 6);
+    EXPECT_EQ(node->radios[2].radio_index, 2);
+    sap_bss_t *bss = node->managed_bss[2];
+    ASSERT_NE(bss, nullptr);
+    EXPECT_STREQ(bss->ifname, "wl1");
+    EXPECT_EQ(bss->sta_max, 64);
+    EXPECT_EQ(bss->radio, &node->radios[2]);
+    EXPECT_EQ(bss->ess, &node->ess[0]);
+
+    sap_node_t *found = nullptr;
+    sap_bss_t *found_bss = nullptr;
+    const uint8_t bssid[6] = {0x02, 0, 0, 0, 0x0b, 0x02};
+    EXPECT_EQ(snei_find_bss(bssid, &found, &found_bss), 0);
+    EXPECT_EQ(found, node);
+    EXPECT_EQ(found_bss, bss);
+
+    g_time = 1020;
+    receive(node_mac(1), "SNEI_HEARTBEAT", heartbeat("herd", 2, 3));
+    EXPECT_EQ(snei_get_cnt(), 1);
+    EXPECT_EQ(node->hop, 3);
+    EXPECT_EQ(node->time_stamp, 1020);
+    EXPECT_EQ(node->managed_bss[2], bss);  // the same slot again
+    EXPECT_EQ(s_events, (std::vector<std::string>{"online 01"}));
+}
+
+TEST_F(SneiTest, SixteenNeighboursAreKeptAndTheSeventeenthRefused)
+{
+    for (int i = 1; i <= 16; i++)
+        receive(node_mac(i), "SNEI_HEARTBEAT", heartbeat());
+    EXPECT_EQ(snei_get_cnt(), 16);
+    log_capture log;
+    receive(node_mac(17), "SNEI_HEARTBEAT", heartbeat());
+    EXPECT_EQ(snei_get_cnt(), 16);
+    EXPECT_EQ(snei_find(node_mac(17)), nullptr);
+    std::regex lines("error snei_new:[0-9]+, too many neighbors, support 15 at most\n"
+                     "error snei_heartbeat_recv:[0-9]+, new neigbor failed\n");
+    EXPECT_TRUE(std::regex_match(log.text(), lines)) << log.text();
+    // The table walks in arrival order.
+    int i = 1;
+    for (sap_node_t *n = snei_get_first(); n; n = snei_get_next(n))
+        EXPECT_EQ(n->node_id[5], i++);
+}
+
+TEST_F(SneiTest, MalformedHeartbeatsRemoveTheSender)
+{
+    receive(node_mac(1), "SNEI_HEARTBEAT", heartbeat());
+    receive(node_mac(2), "SNEI_HEARTBEAT", heartbeat());
+    log_capture log;
+    receive(node_mac(1), "SNEI_HEARTBEAT", heartbeat("flock"));
+    receive(node_mac(2), "SNEI_HEARTBEAT", heartbeat("herd", 4));
+    EXPECT_EQ(snei_get_cnt(), 0);
+    EXPECT_NE(log.text().find("ssid doesn't match, my 'herd', [02:00:00:00:10:01] 'flock'"), std::string::npos);
+    EXPECT_NE(log.text().find("invalid radio_index 4"), std::string::npos);
+    EXPECT_EQ(s_events, (std::vector<std::string>{"online 01", "online 02", "offline 01", "offline 02"}));
+
+    // The next good heartbeat brings it back.
+    receive(node_mac(1), "SNEI_HEARTBEAT", heartbeat());
+    EXPECT_EQ(snei_get_cnt(), 1);
+}
+
+TEST_F(SneiTest, SilentNeighbourIsAgedAfter45Seconds)
+{
+    g_time = 1000;
+    receive(node_mac(1), "SNEI_HEARTBEAT", heartbeat());
+    g_time = 1045;
+    fake_cm_advance(15);  // the 15-second check: t + 45 is not past yet
+    EXPECT_EQ(snei_get_cnt(), 1);
+    g_time = 1046;
+    fake_cm_advance(15);
+    EXPECT_EQ(snei_get_cnt(), 0);
+    EXPECT_EQ(s_events, (std::vector<std::string>{"online 01", "offline 01"}));
+}
+
+TEST_F(SneiTest, ExitMessageRemovesAtOnce)
+{
+    receive(node_mac(1), "SNEI_HEARTBEAT", heartbeat());
+    log_capture log;
+    receive(node_mac(1), "SNEI_EXIT", "{}");
+    receive(node_mac(1), "SNEI_EXIT", "{}");
+    EXPECT_EQ(snei_get_cnt(), 0);
+    EXPECT_NE(log.text().find("neighbor 02:00:00:00:10:01 is offline"), std::string::npos);
+    EXPECT_NE(log.text().find("can't find neigbor 02:00:00:00:10:01"), std::string::npos);
+}
+
+TEST(SneiSameNode, AddressBlockOfOneNode)
+{
+    const uint8_t base[6] = {0x02, 0x00, 0x00, 0x00, 0x0a, 0x00};
+    uint8_t wlan[6] = {0x7e, 0x11, 0x00, 0x00, 0x0a, 0x0f};  // only bytes 2 to 5 count
+    EXPECT_TRUE(snei_same_node(base, base));
+    EXPECT_TRUE(snei_same_node(base, wlan));
+    wlan[5] = 0x10;
+    EXPECT_FALSE(snei_same_node(base, wlan));
+    wlan[4] = 0x09;
+    wlan[5] = 0xff;
+    EXPECT_FALSE(snei_same_node(base, wlan));
+}
+
+TEST(SneiInit, PortalAddressMustScan)
+{
+    fake_platform_reset();
+    conf_file conf("bandherd.mppmac=02:00:zz\n");
+    EXPECT_DEATH(snei_init(), "");
+}
+
+}  // namespace
