@@ -393,6 +393,14 @@ void snei_init()
 
 void snei_exit()
 {
+    if (s_heartbeat_timer) {
+        sev_del_timer(s_heartbeat_timer);
+        s_heartbeat_timer = nullptr;
+    }
+    if (s_age_timer) {
+        sev_del_timer(s_age_timer);
+        s_age_timer = nullptr;
+    }
     smsg_dict_t *root = smsg_new_root();
     if (!root) {
         LOG_ERROR("%s:%d, new message failed");

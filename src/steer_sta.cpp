@@ -329,6 +329,10 @@ void ssta_init()
 
 void ssta_exit()
 {
+    if (s_gc_timer) {
+        sev_del_timer(s_gc_timer);
+        s_gc_timer = nullptr;
+    }
 }
 
 #define SSTA_SET_CB(fn, slot, type)                          \

@@ -78,6 +78,7 @@ protected:
         for (int i = 0; i < 40; i++)
             receive(node_mac(i), "SNEI_EXIT", "{}");
         EXPECT_EQ(snei_get_cnt(), 0);
+        snei_exit();
         fake_cm_reset();
     }
 };

@@ -146,6 +146,8 @@ protected:
         s_keep = false;
         fake_cm_advance(90);
         EXPECT_EQ(ssta_get_count(), 0);
+        ssta_exit();
+        snei_exit();
         fake_cm_reset();
         unsetenv("BANDHERD_CONF");
     }
@@ -197,6 +199,7 @@ TEST_F(SstaTest, SecondBssOfThisNodeKicksTheStationFromTheFirst)
 TEST_F(SstaTest, WithoutRoamKickTheOldBssIsOnlyLeft)
 {
     conf_file conf("bandherd.roam_kick=0\n");
+    ssta_exit();
     ssta_init();
     deliver(MAPS_EV_STA_JOIN, sta_event(STA_A, 1, -60));
     deliver(MAPS_EV_STA_JOIN, sta_event(STA_A, 2, -50));
