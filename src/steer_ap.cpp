@@ -19,6 +19,16 @@ constexpr int SAP_ESS_CONF_SIZE = 527;
 sap_radio_status_cb s_radio_status_cb;
 bool s_en_ap;
 
+// Tells the driver that VAP `name` is on radio `slot`.
+bool sap_add_radio(const char *name, int slot)
+{
+    maps_msg_radio_add_t add = {(uint8_t)slot};
+    if (sdrv_ioctl(MAPS_CMD_ADD_RADIO, &add, sizeof(add), name) == 0)
+        return true;
+    LOG_ERROR("%s:%d, add '%s' to radio%d failed", name, slot);
+    return false;
+}
+
 bool sap_handle_radio_interface(const char *ifname, void *)
 {
     if (!sif_is_up(ifname))
@@ -42,9 +52,7 @@ bool sap_handle_radio_interface(const char *ifname, void *)
         sap_radio_t *radio = &g_self.radios[i];
         if (radio->channel != channel || radio->work_band != band)
             continue;
-        maps_msg_radio_add_t add = {(uint8_t)i};
-        if (sdrv_ioctl(MAPS_CMD_ADD_RADIO, &add, sizeof(add), name) != 0) {
-            LOG_ERROR("%s:%d, add '%s' to radio%d failed", name, i);
+        if (!sap_add_radio(name, i)) {
             LOG_FATAL("%s:%d, add radio failed.");
             abort();
         }
@@ -63,9 +71,7 @@ bool sap_handle_radio_interface(const char *ifname, void *)
         sap_radio_t *radio = &g_self.radios[i];
         if (radio->channel != 0)
             continue;
-        maps_msg_radio_add_t add = {(uint8_t)i};
-        if (sdrv_ioctl(MAPS_CMD_ADD_RADIO, &add, sizeof(add), name) != 0) {
-            LOG_ERROR("%s:%d, add '%s' to radio%d failed", name, i);
+        if (!sap_add_radio(name, i)) {
             LOG_FATAL("%s:%d, add radio vap failed.");
             abort();
         }

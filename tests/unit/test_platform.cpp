@@ -12,7 +12,7 @@
 
 namespace {
 
-int base_mac_is_br0s()
+void base_mac_is_br0s()
 {
     uint8_t mac[6];
     EXPECT_NE(iof_mac_addr_get(mac), 0);  // no br0 yet
@@ -20,15 +20,11 @@ int base_mac_is_br0s()
     EXPECT_EQ(iof_mac_addr_get(mac), 0);
     const uint8_t expected[6] = {0x02, 0x11, 0x22, 0x33, 0x44, 0x56};
     EXPECT_EQ(memcmp(mac, expected, 6), 0);
-    return ::testing::Test::HasFailure() ? 1 : 0;
 }
 
 TEST(Iof, BaseMacIsTheAddressOfBr0)
 {
-    int rc = run_in_sandbox(SANDBOX_NET, base_mac_is_br0s);
-    if (rc == SANDBOX_UNAVAILABLE)
-        GTEST_SKIP() << "no private network namespace here";
-    EXPECT_EQ(rc, 0);
+    EXPECT_SANDBOXED(SANDBOX_NET, base_mac_is_br0s);
 }
 
 int kernel_endpoint()
@@ -41,7 +37,7 @@ int kernel_endpoint()
     return fd;
 }
 
-int channel_behaves_like_a_netlink_port()
+void channel_behaves_like_a_netlink_port()
 {
     int kernel = kernel_endpoint();
 
@@ -71,15 +67,11 @@ int channel_behaves_like_a_netlink_port()
     EXPECT_EQ(nlc_bind(second, 3333, 1), 0);
     close(second);
     close(kernel);
-    return ::testing::Test::HasFailure() ? 1 : 0;
 }
 
 TEST(NlLab, PortIdIsHeldByOneLiveProcessAndReachesTheKernelEndpoint)
 {
-    int rc = run_in_sandbox(SANDBOX_VAR, channel_behaves_like_a_netlink_port);
-    if (rc == SANDBOX_UNAVAILABLE)
-        GTEST_SKIP() << "no private mount namespace here";
-    EXPECT_EQ(rc, 0);
+    EXPECT_SANDBOXED(SANDBOX_VAR, channel_behaves_like_a_netlink_port);
 }
 
 }  // namespace

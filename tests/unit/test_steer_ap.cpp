@@ -61,7 +61,7 @@ std::vector<fake_maps_cmd> commands(int cmd)
     return out;
 }
 
-int node_with_two_esses()
+void node_with_two_esses()
 {
     reset_all("wl0,wl1;wl2");
     add_vap("wlan0", "wl0", 1, 6, "herd");
@@ -77,9 +77,7 @@ int node_with_two_esses()
         if (g_self.radios[i].channel == 149)
             r5 = &g_self.radios[i];
     }
-    EXPECT_TRUE(r24 && r5);
-    if (!r24 || !r5)
-        return 1;
+    ASSERT_TRUE(r24 && r5);
     EXPECT_EQ(r24->work_band, MAPS_2G);
     EXPECT_EQ(r5->work_band, MAPS_5H);
     EXPECT_EQ(g_self.radios[1].channel == 0 || g_self.radios[2].channel == 0 || g_self.radios[3].channel == 0, true);
@@ -139,15 +137,11 @@ int node_with_two_esses()
     // At exit the neighbour reports are emptied again.
     sap_exit();
     EXPECT_EQ(fake_uwb_calls("del_rrm_neighbor").size(), 9u);
-    return ::testing::Test::HasFailure() ? 1 : 0;
 }
 
 TEST(SapInit, RadiosEssesAndBssesAreBuiltAndConfigured)
 {
-    int rc = run_in_sandbox(SANDBOX_NET | SANDBOX_VAR, node_with_two_esses);
-    if (rc == SANDBOX_UNAVAILABLE)
-        GTEST_SKIP() << "no private network namespace here";
-    EXPECT_EQ(rc, 0);
+    EXPECT_SANDBOXED(SANDBOX_NET | SANDBOX_VAR, node_with_two_esses);
 }
 
 // Runs sap_init on `ess` over `vaps` in a death test; returns its log.
@@ -158,7 +152,7 @@ struct vap_def {
     bool up;
 };
 
-int init_dies(const std::string &ess, std::vector<vap_def> vaps, const std::string &expected)
+void init_dies(const std::string &ess, std::vector<vap_def> vaps, const std::string &expected)
 {
     reset_all(ess);
     int i = 1;
@@ -175,14 +169,13 @@ int init_dies(const std::string &ess, std::vector<vap_def> vaps, const std::stri
         testing::KilledBySignal(SIGABRT), "");
     std::string text = read_file(log);
     EXPECT_TRUE(std::regex_search(text, std::regex(expected))) << text;
-    return ::testing::Test::HasFailure() ? 1 : 0;
 }
 
 const std::vector<vap_def> THREE = {{"wlan0", "wl0", 6, "herd", true},
                                     {"wlan1", "wl1", 149, "herd", true},
                                     {"wlan2", "wl2", 6, "herd", true}};
 
-int bad_configurations()
+void bad_configurations()
 {
     init_dies("wl0,wl1,wl2,", THREE, "fatal sap_resolve_ess:[0-9]+, too many bss, support 3 bss per ess.\n");
     init_dies("wl0;wl1;wl2", THREE, "fatal sap_init_ess:[0-9]+, too manny ess, support 2 ess at most.\n");
@@ -195,10 +188,9 @@ int bad_configurations()
     init_dies("wl0", {{"wlan0", "wl0", 1, "herd", true}, {"wlan1", "wl1", 6, "herd", true},
                       {"wlan2", "wl2", 11, "herd", true}, {"wlan3", "wl3", 149, "herd", true}},
               "no enough space to addif\\(wl[0-3]\\), support 3 radios at most.\n");
-    return ::testing::Test::HasFailure() ? 1 : 0;
 }
 
-int accepted_configurations()
+void accepted_configurations()
 {
     // Empty items are skipped, a trailing semicolon after two ESSes is fine.
     reset_all(",wl0,,wl2;wl1;");
@@ -208,16 +200,12 @@ int accepted_configurations()
     sap_init();
     EXPECT_STREQ(sap_get_bss(2)->ifname, "wl2");
     EXPECT_STREQ(sap_get_bss(3)->ess->essid, "flock");
-    return ::testing::Test::HasFailure() ? 1 : 0;
 }
 
 TEST(SapInit, EssSettingLimits)
 {
-    int rc = run_in_sandbox(SANDBOX_NET | SANDBOX_VAR, accepted_configurations);
-    if (rc == SANDBOX_UNAVAILABLE)
-        GTEST_SKIP() << "no private network namespace here";
-    EXPECT_EQ(rc, 0);
-    EXPECT_EQ(run_in_sandbox(SANDBOX_NET | SANDBOX_VAR, bad_configurations), 0);
+    EXPECT_SANDBOXED(SANDBOX_NET | SANDBOX_VAR, accepted_configurations);
+    EXPECT_SANDBOXED(SANDBOX_NET | SANDBOX_VAR, bad_configurations);
 }
 
 int s_status_calls;
@@ -229,7 +217,7 @@ void deliver(uint8_t code, const void *payload, size_t size)
     sdrv_read(g_fake_nl.fd, 1, nullptr);
 }
 
-int radio_status_events()
+void radio_status_events()
 {
     reset_all("wl0");
     add_vap("wlan0", "wl0", 1, 36, "herd");
@@ -260,15 +248,11 @@ int radio_status_events()
 
     // A changed VAP set asks for a restart.
     EXPECT_EXIT(deliver(MAPS_EV_VAP_UPDATE, nullptr, 0), testing::KilledBySignal(SIGRTMIN + 1), "");
-    return ::testing::Test::HasFailure() ? 1 : 0;
 }
 
 TEST(SapRadio, StatusEventsAreCheckedThenApplied)
 {
-    int rc = run_in_sandbox(SANDBOX_NET | SANDBOX_VAR, radio_status_events);
-    if (rc == SANDBOX_UNAVAILABLE)
-        GTEST_SKIP() << "no private network namespace here";
-    EXPECT_EQ(rc, 0);
+    EXPECT_SANDBOXED(SANDBOX_NET | SANDBOX_VAR, radio_status_events);
 }
 
 TEST(SapBss, LookupsRefuseBadIndices)

@@ -49,7 +49,7 @@ void write_text(int fd, const std::string &s)
     EXPECT_EQ(write(fd, s.data(), s.size()), (ssize_t)s.size());
 }
 
-int transport_delivers_what_each_read_returns()
+void transport_delivers_what_each_read_returns()
 {
     s_chunks.clear();
     cm_init();
@@ -86,18 +86,14 @@ int transport_delivers_what_each_read_returns()
     EXPECT_EQ(s_chunks.size(), 5u);
     EXPECT_EQ(s_chunks[3], "from c");
     EXPECT_EQ(s_chunks[4], "from b");
-    return ::testing::Test::HasFailure() ? 1 : 0;
 }
 
 TEST(ScomTransport, ReceivesChunksAsTheyAreReadAndKeepsAccepting)
 {
-    int rc = run_in_sandbox(SANDBOX_VAR, transport_delivers_what_each_read_returns);
-    if (rc == SANDBOX_UNAVAILABLE)
-        GTEST_SKIP() << "no private mount namespace here";
-    EXPECT_EQ(rc, 0);
+    EXPECT_SANDBOXED(SANDBOX_VAR, transport_delivers_what_each_read_returns);
 }
 
-int stale_socket_file_is_replaced()
+void stale_socket_file_is_replaced()
 {
     // A file left by an earlier run must not keep the daemon from listening.
     int old = socket(AF_UNIX, SOCK_STREAM, 0);
@@ -117,18 +113,14 @@ int stale_socket_file_is_replaced()
     run_loop();
     close(fd);
     EXPECT_EQ(s_chunks, (std::vector<std::string>{"x"}));
-    return ::testing::Test::HasFailure() ? 1 : 0;
 }
 
 TEST(ScomTransport, StaleSocketFileIsReplaced)
 {
-    int rc = run_in_sandbox(SANDBOX_VAR, stale_socket_file_is_replaced);
-    if (rc == SANDBOX_UNAVAILABLE)
-        GTEST_SKIP() << "no private mount namespace here";
-    EXPECT_EQ(rc, 0);
+    EXPECT_SANDBOXED(SANDBOX_VAR, stale_socket_file_is_replaced);
 }
 
-int send_frames_each_message()
+void send_frames_each_message()
 {
     {
         log_capture log;
@@ -159,15 +151,11 @@ int send_frames_each_message()
         EXPECT_EQ(memcmp(buf + 3, payload, n), 0);
     }
     close(weft);
-    return ::testing::Test::HasFailure() ? 1 : 0;
 }
 
 TEST(ScomTransport, SendPrefixesTheHeaderAndFailsWithoutTheMeshDaemon)
 {
-    int rc = run_in_sandbox(SANDBOX_VAR, send_frames_each_message);
-    if (rc == SANDBOX_UNAVAILABLE)
-        GTEST_SKIP() << "no private mount namespace here";
-    EXPECT_EQ(rc, 0);
+    EXPECT_SANDBOXED(SANDBOX_VAR, send_frames_each_message);
 }
 
 }  // namespace

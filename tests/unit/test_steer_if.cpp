@@ -64,37 +64,30 @@ bool stop_at_first(const char *, void *data)
 }
 
 // Inside a network namespace of its own with a bridge br0 and a fresh sysfs.
-int bridge_in_own_namespace()
+void bridge_in_own_namespace()
 {
-    if (sexe_no_out("ip link add br0 type bridge && ip link set br0 address 02:11:22:33:44:55") != 0)
-        return 10;
+    ASSERT_EQ(sexe_no_out("ip link add br0 type bridge && ip link set br0 address 02:11:22:33:44:55"), 0);
     uint8_t mac[6] = {};
     const uint8_t expected[6] = {0x02, 0x11, 0x22, 0x33, 0x44, 0x55};
-    if (sif_get_mac("br0", mac) != 0 || !mac_equal(mac, expected))
-        return 11;
-    if (g_fake_uwb.os_ifname_calls != 0)
-        return 12;  // the Wi-Fi library was consulted for a bridge
+    EXPECT_EQ(sif_get_mac("br0", mac), 0);
+    EXPECT_TRUE(mac_equal(mac, expected));
+    EXPECT_EQ(g_fake_uwb.os_ifname_calls, 0);  // no Wi-Fi library for a bridge
 
-    if (sif_is_up("br0"))
-        return 14;
-    if (sexe_no_out("ip link set br0 up") != 0 || !sif_is_up("br0"))
-        return 15;
+    EXPECT_FALSE(sif_is_up("br0"));
+    EXPECT_EQ(sexe_no_out("ip link set br0 up"), 0);
+    EXPECT_TRUE(sif_is_up("br0"));
 
     std::set<std::string> names;
-    if (sif_iterate(collect, &names) != 0 || names != std::set<std::string>{"lo", "br0"})
-        return 16;
+    EXPECT_EQ(sif_iterate(collect, &names), 0);
+    EXPECT_EQ(names, (std::set<std::string>{"lo", "br0"}));
     int calls = 0;
-    if (sif_iterate(stop_at_first, &calls) != 0 || calls != 1)
-        return 17;
-    return 0;
+    EXPECT_EQ(sif_iterate(stop_at_first, &calls), 0);
+    EXPECT_EQ(calls, 1);
 }
 
 TEST_F(SifTest, BridgeReadsItsOwnAddressFileWithoutTheWifiLibrary)
 {
-    int rc = run_in_sandbox(SANDBOX_NET, bridge_in_own_namespace);
-    if (rc == SANDBOX_UNAVAILABLE)
-        GTEST_SKIP() << "no private network namespace here";
-    EXPECT_EQ(rc, 0);
+    EXPECT_SANDBOXED(SANDBOX_NET, bridge_in_own_namespace);
 }
 
 }  // namespace

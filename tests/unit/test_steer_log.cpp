@@ -225,36 +225,27 @@ TEST(SlogOutput, FileAtItsSizeIsKept)
     EXPECT_EQ(read_file(path), std::string(1000, 'x') + "info x\n");
 }
 
-int steer_record_to_steering_log()
+void steer_record_to_steering_log()
 {
     temp_dir dir;
     std::string path = dir.file("main.log");
     slog_set_print_time(false);
-    if (slog_set_path(path.c_str()) != 0)
-        return 10;
+    ASSERT_EQ(slog_set_path(path.c_str()), 0);
     slog_log(SLOG_STEER, "%s:%d, [steer trigger] %s\n", "fn", 7, "go");
     slog_log(SLOG_INFO, "after");
     slog_set_path("stdout");
 
     // The main output keeps only the prefix, continued by the next line.
-    if (read_file(path) != "steer info after\n")
-        return 11;
-    std::string steer = read_file("/var/run/steer.log");
+    EXPECT_EQ(read_file(path), "steer info after\n");
     // The steering log always carries the time prefix.
+    std::string steer = read_file("/var/run/steer.log");
     std::regex expected("[0-9]+ [0-9]{2}/[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2} fn:7, \\[steer trigger\\] go\n");
-    if (!std::regex_match(steer, expected)) {
-        fprintf(stderr, "steer.log: '%s'\n", steer.c_str());
-        return 12;
-    }
-    return 0;
+    EXPECT_TRUE(std::regex_match(steer, expected)) << steer;
 }
 
 TEST(SlogSteer, SteerRecordsGoToTheSteeringLog)
 {
-    int rc = run_in_sandbox(SANDBOX_VAR, steer_record_to_steering_log);
-    if (rc == SANDBOX_UNAVAILABLE)
-        GTEST_SKIP() << "no private mount namespace here";
-    EXPECT_EQ(rc, 0);
+    EXPECT_SANDBOXED(SANDBOX_VAR, steer_record_to_steering_log);
 }
 
 std::string slog_file_write(const std::string &path, const char *fmt, ...)

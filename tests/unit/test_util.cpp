@@ -113,7 +113,7 @@ bool enter_namespaces(int flags)
 
 }  // namespace
 
-int run_in_sandbox(int flags, const std::function<int()> &fn)
+int run_in_sandbox(int flags, const std::function<void()> &fn)
 {
     fflush(nullptr);
     pid_t pid = fork();
@@ -122,9 +122,9 @@ int run_in_sandbox(int flags, const std::function<int()> &fn)
     if (pid == 0) {
         if (!enter_namespaces(flags))
             _exit(SANDBOX_UNAVAILABLE);
-        int rc = fn();
+        fn();
         fflush(nullptr);
-        _exit(rc);
+        _exit(::testing::Test::HasFailure() ? 1 : 0);
     }
     int status = 0;
     if (waitpid(pid, &status, 0) < 0)

@@ -3,6 +3,8 @@
 #ifndef TEST_UTIL_H
 #define TEST_UTIL_H
 
+#include <gtest/gtest.h>
+
 #include <functional>
 #include <string>
 
@@ -56,8 +58,18 @@ enum sandbox_flags {
 };
 
 // Runs fn in a child with private mount namespace (and user namespace when
-// not root) and the given extras; returns fn's result, SANDBOX_UNAVAILABLE,
-// or 128 + signal when the child was killed.
-int run_in_sandbox(int flags, const std::function<int()> &fn);
+// not root) and the given extras. The child's test failures are reported
+// there and make it exit 1; returns its exit status, SANDBOX_UNAVAILABLE, or
+// 128 + signal when it was killed.
+int run_in_sandbox(int flags, const std::function<void()> &fn);
+
+// The usual use: skip where namespaces cannot be had, fail with the child.
+#define EXPECT_SANDBOXED(flags, fn)                                       \
+    do {                                                                  \
+        int rc_ = run_in_sandbox((flags), (fn));                          \
+        if (rc_ == SANDBOX_UNAVAILABLE)                                   \
+            GTEST_SKIP() << "no private namespaces here";                 \
+        EXPECT_EQ(rc_, 0) << "the part run in private namespaces failed"; \
+    } while (0)
 
 #endif
