@@ -1,1 +1,1 @@
-"""The simulated mesh lab: node sandboxes, daemons and (later) the driver double and mesh relay."""
+"""The simulated mesh lab: node namespaces, driver doubles, the mesh relay, the controller and its command line."""

@@ -69,18 +69,23 @@ class Daemon:
     """A running process whose output is collected line by line.
 
     unshare and sh exec the program, so `pid` is the program's own pid and
-    signals sent to it reach it directly.
+    signals sent to it reach it directly. `runner(argv, env)`, when given,
+    starts the program elsewhere (in a lab node) and returns its Popen, with
+    standard output and error on pipes.
     """
 
-    def __init__(self, var, argv, settings=None, env=None):
+    def __init__(self, var, argv, settings=None, env=None, runner=None):
         full_env = dict(os.environ)
         if settings is not None:
             full_env["BANDHERD_CONF"] = str(var.write_conf(settings))
         full_env.update(env or {})
         self.started = time.monotonic()
-        self.proc = subprocess.Popen(var.command(argv), stdin=subprocess.DEVNULL,
-                                     stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-                                     env=full_env)
+        if runner is not None:
+            self.proc = runner([str(a) for a in argv], full_env)
+        else:
+            self.proc = subprocess.Popen(var.command(argv), stdin=subprocess.DEVNULL,
+                                         stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                                         env=full_env)
         self.pid = self.proc.pid
         self.stdout = []
         self.stderr = []

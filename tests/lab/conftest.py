@@ -1,16 +1,15 @@
+import shutil
 import sys
+import tempfile
 from pathlib import Path
 
 import pytest
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[2]))
 
-from lab.sandbox import VarDir, daemon_binary  # noqa: E402
-
-
-@pytest.fixture
-def var(tmp_path):
-    return VarDir(tmp_path / "var")
+from lab.loop import Loop  # noqa: E402
+from lab.netns import cleanup  # noqa: E402
+from lab.sandbox import daemon_binary  # noqa: E402
 
 
 @pytest.fixture(scope="session")
@@ -19,3 +18,21 @@ def bandherd():
     if not binary.exists():
         pytest.fail(f"{binary} is not built")
     return binary
+
+
+@pytest.fixture
+def lab_dir():
+    """A short lab directory (socket paths must fit in 108 bytes), removed afterwards."""
+    d = Path(tempfile.mkdtemp(prefix="bh-", dir="/tmp"))
+    yield d
+    cleanup(d)          # whatever a failed test left running
+    shutil.rmtree(d, ignore_errors=True)
+
+
+@pytest.fixture
+def loop():
+    """The lab's socket loop on its background thread."""
+    lp = Loop()
+    lp.start()
+    yield lp
+    lp.stop()

@@ -1,13 +1,20 @@
-"""The daemon binary as a user runs it: -V, the enable check, signals, log settings."""
+"""The daemon binary as a user runs it: -V, the enable check, signals, log settings.
+
+Each daemon runs in a node of a lab mesh, as on a router: its /var is the
+node's directory, and the node has its br0, VAPs and driver.
+"""
 
 import re
+import shutil
 import signal
+import subprocess
 import tempfile
-from pathlib import Path
+from contextlib import contextmanager
 
 import pytest
 
-from lab.sandbox import Daemon, VarDir, wait_until
+from lab.controller import Lab
+from lab.sandbox import REPO, Daemon, VarDir, wait_until
 
 RESTART = signal.SIGRTMIN + 1
 RED = "\x1b[0;31m"
@@ -15,28 +22,64 @@ RESET = "\x1b[0m"
 EXITED = f"{RED}bandherd: exited.{RESET}\n"
 DELAY = f"{RED}bandherd will exit after 15 seconds!!!{RESET}\n"
 ENABLED = {"bandherd.enable": 1, "bandherd.log_time": 0}
+TOPOLOGY = REPO / "lab" / "topologies" / "two-node.json"
+
+
+class Node:
+    """A lab node to run the daemon in; `var` is its directory, the daemon's /var."""
+
+    def __init__(self, lab, name):
+        self.lab = lab
+        self.name = name
+        self.var = VarDir(lab.node_dir(name))
+        # What the node's daemon needs besides the settings a test is about.
+        self.base = {k: v for k, v in lab.node(name).config.items() if k != "bandherd.enable"}
+
+    def daemon(self, argv, settings=None):
+        if settings is not None:
+            settings = {**self.base, **settings}
+        return Daemon(self.var, argv, settings, runner=self._run)
+
+    def _run(self, argv, env):
+        return self.lab.run(self.name, argv, env=env, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+
+
+@contextmanager
+def mesh():
+    lab_dir = tempfile.mkdtemp(prefix="bh-", dir="/tmp")
+    lab = Lab()
+    try:
+        lab.up(TOPOLOGY, lab_dir)
+        yield lab
+    finally:
+        lab.down()
+        shutil.rmtree(lab_dir, ignore_errors=True)
+
+
+@pytest.fixture
+def node():
+    with mesh() as lab:
+        yield Node(lab, "A")
 
 
 @pytest.fixture(scope="module")
 def slow_exits(bandherd):
     """The two 15-second exits, started together so that they wait in parallel."""
-    dirs = tempfile.TemporaryDirectory()
-    root = Path(dirs.name)
-    disabled_var = VarDir(root / "disabled")
-    (disabled_var.path("/var/run/steer.log")).write_text("old steering record\n")
-    disabled = Daemon(disabled_var, [bandherd], {"bandherd.log_time": 0})
-    restart_var = VarDir(root / "restart")
-    restart = Daemon(restart_var, [bandherd], ENABLED)
-    restart.wait_for(r"bandherd is ready\.")
-    restart.signal(RESTART)
-    yield {"disabled": (disabled, disabled_var), "restart": (restart, restart_var)}
-    disabled.kill()
-    restart.kill()
-    dirs.cleanup()
+    with mesh() as lab:
+        disabled_node, restart_node = Node(lab, "A"), Node(lab, "B")
+        disabled_var, restart_var = disabled_node.var, restart_node.var
+        (disabled_var.path("/var/run/steer.log")).write_text("old steering record\n")
+        disabled = disabled_node.daemon([bandherd], {"bandherd.log_time": 0})
+        restart = restart_node.daemon([bandherd], ENABLED)
+        restart.wait_for(r"bandherd is ready\.")
+        restart.signal(RESTART)
+        yield {"disabled": (disabled, disabled_var), "restart": (restart, restart_var)}
+        disabled.kill()
+        restart.kill()
 
 
-def test_version_prints_two_lines_and_leaves_the_pid_file(bandherd, var):
-    d = Daemon(var, [bandherd, "-V"])
+def test_version_prints_two_lines_and_leaves_the_pid_file(bandherd, node):
+    d = node.daemon([bandherd, "-V"])
     assert d.wait(10) == 0
     lines = d.out().splitlines()
     assert len(lines) == 2, d.out()
@@ -44,11 +87,11 @@ def test_version_prints_two_lines_and_leaves_the_pid_file(bandherd, var):
     assert re.fullmatch(r"Build: \S.*", lines[1])
     assert d.err() == ""
     # The pid file is written before the options are read, and stays.
-    assert var.path("/var/run/bandherd.pid").read_text() == str(d.pid)
+    assert node.var.path("/var/run/bandherd.pid").read_text() == str(d.pid)
 
 
-def test_unknown_options_and_arguments_are_ignored(bandherd, var):
-    d = Daemon(var, [bandherd, "-x", "extra"], ENABLED)
+def test_unknown_options_and_arguments_are_ignored(bandherd, node):
+    d = node.daemon([bandherd, "-x", "extra"], ENABLED)
     d.wait_for(r"bandherd is ready\.")
     assert "invalid option" in d.err()
     d.signal(signal.SIGINT)
@@ -77,27 +120,27 @@ def test_restart_signal_cleans_up_then_waits_and_exits_1(slow_exits):
     assert not var.path("/var/run/bandherd.pid").exists()
 
 
-def test_sigterm_ends_at_once_with_status_0(bandherd, var):
-    d = Daemon(var, [bandherd], ENABLED)
+def test_sigterm_ends_at_once_with_status_0(bandherd, node):
+    d = node.daemon([bandherd], ENABLED)
     m = d.wait_for(r"^info main:\d+, bandherd is ready\.$")
     assert m
-    assert var.path("/var/run/bandherd.pid").read_text() == str(d.pid)
-    var.path("/var/run/steer.log").write_text("x\n")
+    assert node.var.path("/var/run/bandherd.pid").read_text() == str(d.pid)
+    node.var.path("/var/run/steer.log").write_text("x\n")
     d.signal(signal.SIGTERM)
     assert d.wait(5) == 0
     assert d.elapsed < 10
     assert re.search(r"^warning exit_handler:\d+, receive signal 15$", d.out(), re.M)
     assert d.err() == EXITED
-    assert not var.path("/var/run/bandherd.pid").exists()
-    assert not var.path("/var/run/steer.log").exists()
+    assert not node.var.path("/var/run/bandherd.pid").exists()
+    assert not node.var.path("/var/run/steer.log").exists()
 
 
 @pytest.mark.parametrize("log_time, prefixed", [(7, True), (0, False)])
-def test_log_path_and_time_prefix_settings(bandherd, var, log_time, prefixed):
+def test_log_path_and_time_prefix_settings(bandherd, node, log_time, prefixed):
     settings = {"bandherd.enable": 1, "bandherd.log_time": log_time,
                 "bandherd.log_path": "/var/run/bandherd.log", "bandherd.log_level": 7}
-    d = Daemon(var, [bandherd], settings)
-    log = var.path("/var/run/bandherd.log")
+    d = node.daemon([bandherd], settings)
+    log = node.var.path("/var/run/bandherd.log")
     assert wait_until(lambda: log.exists() and "bandherd is ready." in log.read_text())
     d.signal(signal.SIGTERM)
     assert d.wait(5) == 0

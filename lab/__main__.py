@@ -1,0 +1,489 @@
+"""The lab's command line: python3 -m lab COMMAND (run from the repository's root).
+
+    up TOPOLOGY       bring a mesh up, start every node's daemon, keep running in the background
+    nodes             names, ids, addresses, daemon pid and state
+    log NODE [-f]     a node's daemon output
+    exec NODE CMD...  run a command inside a node (a shell when no command is given)
+    inject NODE EVENT HEX           send any driver event to a node's daemon
+    sta NODE EVENT MAC --bss N ...  a station join, leave, band or status event
+    radio NODE INDEX CHANNEL ...    a radio status event
+    send NODE TYPE JSON             a mesh message from the lab's weft
+    relay drop|delay|partition|heal|clear|show ...   mesh faults
+    driver NODE ...                 driver misbehaviour (pong version, ping answer, failing calls)
+    start NODE / stop NODE          start or signal a node's daemon
+    messages                        the mesh messages seen so far
+    down              tear everything down (also after a failed run)
+    demo [--keep]     a two-node mesh, both daemons ready, a message crossing the mesh
+"""
+
+import argparse
+import json
+import os
+import re
+import subprocess
+import sys
+import time
+from pathlib import Path
+
+from lab import netns, topology as topo_mod
+from lab.controller import Lab, LabError, control_request, controller_pid, default_dir, teardown
+from lab.driver import command_code, event_code
+from lab.sandbox import REPO, daemon_binary, wait_until
+
+READY = r"bandherd is ready\."
+
+
+def fail(text):
+    print(f"lab: {text}", file=sys.stderr)
+    sys.exit(1)
+
+
+def request(args, req, timeout=30.0):
+    try:
+        return control_request(args.dir, req, timeout)
+    except (FileNotFoundError, ConnectionRefusedError):
+        fail(f"no lab controller runs in {args.dir} (start one with `python3 -m lab up TOPOLOGY`)")
+    except LabError as e:
+        fail(str(e))
+
+
+def print_json(value):
+    print(json.dumps(value, indent=2))
+
+
+# -- up, serve, down ------------------------------------------------------------------
+
+def start_background(lab_dir, topology_path, daemons=True, settings=()):
+    """Starts `serve` as a detached process and waits until its lab is up."""
+    try:
+        topo_mod.load(topology_path)
+    except topo_mod.TopologyError as e:
+        fail(str(e))
+    lab_dir = Path(lab_dir)
+    pid = controller_pid(lab_dir)
+    if pid is not None:
+        try:
+            control_request(lab_dir, {"cmd": "status"}, 2.0)
+            fail(f"a lab already runs in {lab_dir} (controller pid {pid}); `python3 -m lab down` first")
+        except (OSError, LabError):
+            pass
+    lab_dir.mkdir(parents=True, exist_ok=True)
+    argv = [sys.executable, "-m", "lab", "serve", str(Path(topology_path).resolve()), "--dir", str(lab_dir)]
+    if not daemons:
+        argv.append("--no-daemons")
+    for s in settings:
+        argv += ["--set", s]
+    env = dict(os.environ)
+    env["BANDHERD_BIN"] = str(daemon_binary().resolve())     # the controller runs in the repository
+    env["PYTHONPATH"] = str(REPO) + (os.pathsep + env["PYTHONPATH"] if env.get("PYTHONPATH") else "")
+    with open(lab_dir / "controller.log", "w") as out:
+        proc = subprocess.Popen(argv, cwd=REPO, env=env, stdin=subprocess.DEVNULL, stdout=out,
+                                stderr=subprocess.STDOUT, start_new_session=True)
+
+    def ready():
+        if proc.poll() is not None:
+            return True
+        try:
+            return control_request(lab_dir, {"cmd": "status"}, 2.0)["ready"]
+        except (OSError, LabError, ValueError):
+            return False
+
+    wait_until(ready, 30.0, 0.05)
+    if proc.poll() is not None:
+        sys.stderr.write((lab_dir / "controller.log").read_text())
+        fail(f"the lab controller stopped (status {proc.returncode}); its output is above")
+    return proc.pid
+
+
+def wait_ready(args, names, timeout=15.0):
+    """Waits until each node's daemon logged that it is ready or ended; returns {node: ready?}."""
+    logs = {n: Path(args.dir) / "nodes" / n / "bandherd.log" for n in names}
+
+    def state():
+        nodes = {n["name"]: n for n in request(args, {"cmd": "nodes"})}
+        out = {}
+        for n in names:
+            text = logs[n].read_text(errors="replace") if logs[n].exists() else ""
+            if re.search(READY, text):
+                out[n] = True
+            elif nodes[n]["daemon"].startswith(("exited", "killed")):
+                out[n] = False
+        return out
+
+    wait_until(lambda: len(state()) == len(names), timeout, 0.1)
+    return state()
+
+
+def cmd_up(args):
+    pid = start_background(args.dir, args.topology, not args.no_daemons, args.set)
+    nodes = request(args, {"cmd": "nodes"})
+    ready = {}
+    if not args.no_daemons:
+        ready = wait_ready(args, [n["name"] for n in nodes])
+        nodes = request(args, {"cmd": "nodes"})
+    print(f"lab up in {args.dir} (controller pid {pid}, its output in {args.dir}/controller.log)")
+    show_nodes(nodes)
+    for n in nodes:
+        if not args.no_daemons and not ready.get(n["name"]):
+            print(f"  {n['name']}'s daemon is not ready: python3 -m lab --dir {args.dir} log {n['name']}")
+    print(f"""
+  each node's files:   {args.dir}/nodes/<name>/  (its /var: bandherd.conf, bandherd.log,
+                       driver.jsonl, run/, steer_socket, weft_socket)
+  mesh messages:       {args.dir}/mesh.jsonl
+  then:                python3 -m lab nodes | log NODE -f | exec NODE | send NODE TYPE JSON | down""")
+
+
+def cmd_serve(args):
+    settings = dict(s.split("=", 1) for s in args.set)
+    try:
+        Lab().serve(args.topology, args.dir, settings, daemons=not args.no_daemons)
+    except (topo_mod.TopologyError, LabError, netns.NamespaceError) as e:
+        fail(str(e))
+
+
+def cmd_down(args):
+    print(teardown(args.dir))
+
+
+# -- looking ---------------------------------------------------------------------------
+
+def show_nodes(nodes):
+    print(f"{'node':<6} {'id':<18} {'address':<15} {'portal':<6} {'pid':>7}  daemon")
+    for n in nodes:
+        pid = n["daemon_pid"] or "-"
+        print(f"{n['name']:<6} {n['id']:<18} {n['address']:<15} {'yes' if n['portal'] else '':<6} "
+              f"{pid:>7}  {n['daemon']}")
+
+
+def cmd_nodes(args):
+    nodes = request(args, {"cmd": "nodes"})
+    if args.json:
+        print_json(nodes)
+    else:
+        show_nodes(nodes)
+
+
+def node_dir(args, name):
+    d = Path(args.dir) / "nodes" / name
+    if not d.is_dir():
+        have = sorted(p.name for p in (Path(args.dir) / "nodes").glob("*")) if (Path(args.dir) / "nodes").exists() else []
+        fail(f"no node {name!r} in {args.dir} (nodes: {', '.join(have) or 'none'})")
+    return d
+
+
+def cmd_log(args):
+    path = node_dir(args, args.node) / "bandherd.log"
+    pos = 0
+    try:
+        while True:
+            if path.exists():
+                with open(path, "rb") as f:
+                    f.seek(pos)
+                    chunk = f.read()
+                    pos += len(chunk)
+                sys.stdout.write(chunk.decode(errors="replace"))
+                sys.stdout.flush()
+            if not args.follow:
+                return
+            time.sleep(0.2)
+    except KeyboardInterrupt:
+        pass
+
+
+def cmd_messages(args):
+    match = {"type": args.type} if args.type else {}
+    for m in request(args, {"cmd": "messages", "match": match}):
+        print(json.dumps(m))
+
+
+def cmd_exec(args):
+    ledger = netns.Ledger.read(args.dir)
+    if ledger is None or args.node not in ledger.data["nodes"]:
+        fail(f"no node {args.node!r} is up in {args.dir}")
+    pid = ledger.data["nodes"][args.node]["pid"]
+    argv = args.argv or [os.environ.get("SHELL", "/bin/sh")]
+    if argv and argv[0] == "--":
+        argv = argv[1:]
+    cmd = netns.enter_command(pid, ledger.data["root"], os.getcwd()) + argv
+    os.execvp(cmd[0], cmd)
+
+
+# -- driving ----------------------------------------------------------------------------
+
+def cmd_inject(args):
+    try:
+        code = event_code(args.event)
+        payload = bytes.fromhex(args.hex.replace(":", ""))
+    except ValueError as e:
+        fail(str(e))
+    sent = request(args, {"cmd": "inject", "node": args.node, "code": code, "hex": payload.hex()})
+    print(f"sent {len(bytes.fromhex(sent))} bytes to {args.node}: {sent}")
+
+
+def cmd_sta(args):
+    req = {"cmd": "sta", "node": args.node, "event": args.event, "mac": args.mac.lower(),
+           "bss_index": args.bss}
+    for k in ("bands", "caps", "rssi", "nss", "load", "sta_num", "active"):
+        v = getattr(args, k)
+        if v is not None:
+            req[k] = v
+    sent = request(args, req)
+    print(f"sent STA_{args.event.upper()} for {args.mac} to {args.node}: {sent}")
+
+
+def cmd_radio(args):
+    req = {"cmd": "radio", "node": args.node, "radio_index": args.index, "channel": args.channel}
+    for k in ("load", "sta_num", "work_band"):
+        v = getattr(args, k)
+        if v is not None:
+            req[k] = v
+    sent = request(args, req)
+    print(f"sent RADIO_STATUS to {args.node}: {sent}")
+
+
+def cmd_send(args):
+    try:
+        body = json.loads(args.json)
+    except ValueError as e:
+        fail(f"not JSON: {e}")
+    rec = request(args, {"cmd": "send", "from": args.sender, "to": args.node, "type": args.type,
+                         "body": body})
+    print_json(rec)
+
+
+def cmd_relay(args):
+    req = {"cmd": "relay", "action": args.action}
+    if args.action == "drop":
+        req["types"] = args.args or None
+    elif args.action == "delay":
+        if not args.args:
+            fail("relay delay SECONDS [TYPE...]")
+        req["seconds"] = float(args.args[0])
+        req["types"] = args.args[1:] or None
+    elif args.action == "partition":
+        if not args.args:
+            fail("relay partition GROUP [GROUP...], each a comma-separated list of nodes (A,B C)")
+        req["groups"] = [g.split(",") for g in args.args]
+    print_json(request(args, req))
+
+
+def cmd_driver(args):
+    req = {"cmd": "driver", "node": args.node}
+    if args.reset:
+        req.update(pong_version="MAPS_API_V2", ping_answer="pong", call_results={}, command_results={})
+    if args.pong_version is not None:
+        req["pong_version"] = args.pong_version
+    if args.no_pong:
+        req["pong_version"] = None
+    if args.ping_answer is not None:
+        req["ping_answer"] = args.ping_answer
+    if args.ping_fails:
+        req["ping_answer"] = None
+    if args.fail:
+        req["call_results"] = {c.split("=")[0]: int(c.split("=")[1]) if "=" in c else -1 for c in args.fail}
+    if args.refuse:
+        try:
+            req["command_results"] = {str(command_code(c.split("=")[0])): int(c.split("=")[1]) if "=" in c else -1
+                                      for c in args.refuse}
+        except ValueError as e:
+            fail(str(e))
+    print_json(request(args, req))
+
+
+def cmd_start(args):
+    pid = request(args, {"cmd": "start", "node": args.node})
+    print(f"bandherd started in {args.node}, pid {pid}")
+
+
+def cmd_stop(args):
+    state = request(args, {"cmd": "stop", "node": args.node, "signal": args.signal, "timeout": 30.0},
+                    timeout=40.0)
+    print(f"bandherd of {args.node}: {state}")
+
+
+# -- demo ---------------------------------------------------------------------------------
+
+def cmd_demo(args):
+    binary = daemon_binary()
+    if not binary.exists():
+        fail(f"{binary} is not built: cmake -S . -B build -G Ninja && cmake --build build")
+    topology = REPO / "lab" / "topologies" / "two-node.json"
+    topo = topo_mod.load(topology)
+    a, b = topo.nodes[0], topo.nodes[1]
+    print(f"== a two-node mesh from {topology.relative_to(REPO)}, daemons at log level 6 (dump)")
+    start_background(args.dir, topology, True, ["bandherd.log_level=6"])
+    ok = True
+    try:
+        states = wait_ready(args, [a.name, b.name], 20.0)
+        show_nodes(request(args, {"cmd": "nodes"}))
+        for n in (a, b):
+            lines = [l for l in read_log(args, n.name) if re.search(READY, l)]
+            print(f"  {n.name}: {lines[0] if lines else 'NOT READY'}")
+            ok = ok and bool(states.get(n.name))
+        if not ok:
+            print("\na daemon did not become ready; its log:")
+            for n in (a, b):
+                if not states.get(n.name):
+                    print("".join(f"  {n.name}| {l}\n" for l in read_log(args, n.name)[-15:]))
+            return 1
+
+        print(f"\n== the nodes share a real network: ping from {b.name} to {a.name}")
+        r = subprocess.run(netns.enter_command(node_holder(args, b.name), os.geteuid() == 0, "/")
+                           + ["ping", "-c1", "-W2", a.address], capture_output=True, text=True)
+        print("  " + (r.stdout.splitlines()[1] if r.returncode == 0 else f"ping failed: {r.stdout}{r.stderr}"))
+
+        print(f"\n== the lab's mesh daemon sends SAP_INFO to {b.name} (uplink {a.id}, 1 hop)")
+        rec = request(args, {"cmd": "send", "to": b.name, "type": "SAP_INFO",
+                             "body": {"mac": a.id, "hopcont": 1}})
+        print(f"  relay: {rec['sa']} -> {rec['da']} type {rec['type']}, {rec['size']} bytes, "
+              f"delivered to {rec['delivered'] or 'nobody'}"
+              + (f", not to {rec['undelivered']}" if rec["undelivered"] else ""))
+        seen = wait_until(lambda: any("SAP_INFO" in l for l in read_log(args, b.name))
+                          and any("hopcount" in l for l in read_log(args, b.name)), 5.0, 0.1)
+        print(f"  {b.name}'s log:")
+        for line in dispatch_lines(read_log(args, b.name)):
+            print(f"    {line}")
+        if not seen:
+            print(f"  {b.name}'s daemon did not log the message being dispatched")
+            ok = False
+
+        d = "" if args.dir == default_dir() else f" --dir {args.dir}"
+        tries = [
+            ("nodes", "the nodes and their daemons"),
+            (f"log {b.name} -f", f"follow {b.name}'s daemon"),
+            (f"exec {a.name} ip -br link", f"a command inside node {a.name} (no command: a shell)"),
+            (f"sta {a.name} join 02:aa:00:00:00:01 --bss 1 --rssi -70", f"a station joins {a.name}'s BSS 1"),
+            (f"send {a.name} SAP_INFO '{{\"mac\": \"{b.id}\", \"hopcont\": 2}}'", f"a message to {a.name}"),
+            (f"relay partition {a.name} {b.name}", "the nodes stop hearing each other"),
+            ("down", "tear it all down"),
+        ]
+        print("\n== try next (with --keep, the lab stays up)")
+        for cmd, what in tries:
+            print(f"  python3 -m lab{d} {cmd}\n      {what}")
+        print(f"  records: {args.dir}/mesh.jsonl, {args.dir}/nodes/<name>/driver.jsonl")
+    finally:
+        if args.keep:
+            print(f"\nthe lab keeps running in {args.dir}; `python3 -m lab down` ends it")
+        else:
+            print(f"\n== tearing down: {teardown(args.dir)}")
+    return 0 if ok else 1
+
+
+def dispatch_lines(log):
+    """The lines of a log that show a SAP_INFO being received (with its JSON body) and handled."""
+    keep = set()
+    for i, line in enumerate(log):
+        if "type 'SAP_INFO'" in line:
+            keep.add(i)
+            for j in range(i + 1, len(log)):
+                keep.add(j)
+                if log[j].startswith("}"):
+                    break
+        elif re.search(r"UPLINK MAC|hopcount", line):
+            keep.add(i)
+    return [log[i] for i in sorted(keep)]
+
+
+def read_log(args, name):
+    path = Path(args.dir) / "nodes" / name / "bandherd.log"
+    return path.read_text(errors="replace").splitlines() if path.exists() else []
+
+
+def node_holder(args, name):
+    ledger = netns.Ledger.read(args.dir)
+    return ledger.data["nodes"][name]["pid"]
+
+
+# -- parsing ----------------------------------------------------------------------------------
+
+def parser():
+    common = argparse.ArgumentParser(add_help=False)
+    common.add_argument("--dir", type=Path, default=argparse.SUPPRESS,
+                        help=f"the lab directory (default {default_dir()}, or $BANDHERD_LAB)")
+    p = argparse.ArgumentParser(prog="python3 -m lab", description="The bandherd lab: a simulated mesh.",
+                                parents=[common])
+    sub = p.add_subparsers(dest="command", required=True)
+
+    def add(name, func, help_text):
+        sp = sub.add_parser(name, parents=[common], help=help_text, description=help_text)
+        sp.set_defaults(func=func)
+        return sp
+
+    for name, func, text in (("up", cmd_up, "bring a mesh up and keep it running in the background"),
+                             ("serve", cmd_serve, "run a lab's controller in the foreground")):
+        sp = add(name, func, text)
+        sp.add_argument("topology", type=Path)
+        sp.add_argument("--no-daemons", action="store_true", help="do not start the daemons")
+        sp.add_argument("--set", action="append", default=[], metavar="KEY=VALUE",
+                        help="add a configuration key to every node")
+    add("down", cmd_down, "tear the lab down (also after a failed run)")
+    sp = add("nodes", cmd_nodes, "the nodes and their daemons")
+    sp.add_argument("--json", action="store_true")
+    sp = add("log", cmd_log, "a node's daemon output")
+    sp.add_argument("node")
+    sp.add_argument("-f", "--follow", action="store_true")
+    sp = add("exec", cmd_exec, "run a command (default: a shell) inside a node")
+    sp.add_argument("node")
+    sp.add_argument("argv", nargs=argparse.REMAINDER)
+    sp = add("inject", cmd_inject, "send a driver event (code or name, payload in hex) to a node's daemon")
+    sp.add_argument("node")
+    sp.add_argument("event", help="event code or name: 2, STA_JOIN, MAPS_EV_STA_JOIN")
+    sp.add_argument("hex", nargs="?", default="", help="the payload in hex")
+    sp = add("sta", cmd_sta, "a station event: join, leave, band or status")
+    sp.add_argument("node")
+    sp.add_argument("event", choices=["join", "leave", "band", "status"])
+    sp.add_argument("mac")
+    sp.add_argument("--bss", type=int, required=True, help="the driver's BSS index")
+    sp.add_argument("--rssi", type=int)
+    sp.add_argument("--bands", type=lambda s: int(s, 0), help="band bits: 2G 2, 5L 4, 5H 8, 6G 16")
+    sp.add_argument("--caps", type=lambda s: int(s, 0), help="capability bits: HT 1, VHT 2, RRM 4, BTM 8, HE 16")
+    sp.add_argument("--nss", type=int)
+    sp.add_argument("--load", type=int)
+    sp.add_argument("--sta-num", type=int)
+    sp.add_argument("--active", type=int, choices=[0, 1])
+    sp = add("radio", cmd_radio, "a radio status event")
+    sp.add_argument("node")
+    sp.add_argument("index", type=int)
+    sp.add_argument("channel", type=int)
+    sp.add_argument("--load", type=int)
+    sp.add_argument("--sta-num", type=int)
+    sp.add_argument("--work-band", type=lambda s: int(s, 0))
+    sp = add("send", cmd_send, "a mesh message from the lab's mesh daemon to a node (or 'broadcast')")
+    sp.add_argument("node")
+    sp.add_argument("type")
+    sp.add_argument("json")
+    sp.add_argument("--from", dest="sender", default=None, help="send as this node (default: the lab)")
+    sp = add("relay", cmd_relay, "mesh faults: drop [TYPE..] | delay S [TYPE..] | partition A,B C | heal | clear | show")
+    sp.add_argument("action", choices=["drop", "delay", "partition", "heal", "clear", "show"])
+    sp.add_argument("args", nargs="*")
+    sp = add("driver", cmd_driver, "driver misbehaviour of a node")
+    sp.add_argument("node")
+    sp.add_argument("--pong-version", help="version text of the netlink pong")
+    sp.add_argument("--no-pong", action="store_true", help="do not answer the netlink ping")
+    sp.add_argument("--ping-answer", help="4-byte answer of the MAPS ping")
+    sp.add_argument("--ping-fails", action="store_true", help="fail the MAPS ping")
+    sp.add_argument("--fail", action="append", metavar="CALL[=RESULT]", help="make a Wi-Fi call fail")
+    sp.add_argument("--refuse", action="append", metavar="CMD[=RESULT]", help="make a MAPS command fail")
+    sp.add_argument("--reset", action="store_true", help="behave again")
+    sp = add("start", cmd_start, "start a node's daemon")
+    sp.add_argument("node")
+    sp = add("stop", cmd_stop, "signal a node's daemon and wait for its end")
+    sp.add_argument("node")
+    sp.add_argument("--signal", default="TERM")
+    sp = add("messages", cmd_messages, "the mesh messages seen so far")
+    sp.add_argument("--type")
+    sp = add("demo", cmd_demo, "a two-node mesh, both daemons ready, a message across the mesh")
+    sp.add_argument("--keep", action="store_true", help="leave the lab running")
+    return p
+
+
+def main(argv=None):
+    args = parser().parse_args(argv)
+    if args.command == "relay" and args.action == "show":
+        args.action = "faults"
+    args.dir = Path(args.dir) if getattr(args, "dir", None) else default_dir()
+    return args.func(args) or 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,672 @@
+"""The lab controller: namespaces, driver doubles, mesh relay and daemons of one lab.
+
+In a test:
+
+    with Lab() as lab:
+        lab.up("lab/topologies/two-node.json", "/tmp/bh-test")
+        lab.start_daemon("A")
+        lab.wait_log("A", r"bandherd is ready\\.")
+        lab.driver("A").sta_event("STA_JOIN", "02:aa:00:00:00:01", bss_index=1)
+        lab.wait_for(lambda: lab.driver("A").commands("SET_STA"))
+
+The sockets of every node are served by one `Loop` thread. The control socket
+<lab>/control.sock (one JSON request a line, one JSON answer a line) lets the
+command line (`python3 -m lab`) drive a running controller from another process.
+"""
+
+import json
+import logging
+import os
+import re
+import signal
+import socket
+import stat
+import subprocess
+import threading
+import time
+from pathlib import Path
+
+from lab import netns, topology as topo_mod
+from lab.driver import DriverDouble, command_code, event_code
+from lab.journal import Journal
+from lab.loop import Loop
+from lab.relay import Relay
+from lab.sandbox import daemon_binary, wait_until
+
+log = logging.getLogger("lab")
+
+CONTROL = "control.sock"
+CONTROLLER_PID = "controller.pid"
+CONF_IN_NODE = "/var/bandherd.conf"
+# Files of a lab directory that `up` may replace; anything else makes it refuse.
+LAB_FILES = {"topology.json", CONTROL, CONTROLLER_PID, "mesh.jsonl", "nodes", netns.LEDGER,
+             "pids.tmp", "controller.log"}
+
+
+class LabError(RuntimeError):
+    pass
+
+
+def default_dir():
+    """/tmp/bandherd-lab for root; ordinary users get their own."""
+    if "BANDHERD_LAB" in os.environ:
+        return Path(os.environ["BANDHERD_LAB"])
+    return Path("/tmp/bandherd-lab" if os.geteuid() == 0 else f"/tmp/bandherd-lab-{os.geteuid()}")
+
+
+def exit_text(code):
+    """How a daemon ended, for people: "exited 0", "killed by SIGKILL"."""
+    if code is None:
+        return "running"
+    if code < 0:
+        try:
+            return f"killed by {signal.Signals(-code).name}"
+        except ValueError:
+            return f"killed by signal {-code}"
+    return f"exited {code}"
+
+
+def parse_signal(text):
+    """A signal from "15", "TERM", "SIGTERM" or "RTMIN+1"."""
+    text = str(text).upper().removeprefix("SIG")
+    if text.isdigit():
+        return int(text)
+    m = re.fullmatch(r"RTMIN\+(\d+)", text)
+    if m:
+        return signal.SIGRTMIN + int(m.group(1))
+    try:
+        return signal.Signals["SIG" + text]
+    except KeyError:
+        raise ValueError(f"unknown signal {text!r}") from None
+
+
+class Daemon:
+    """One run of bandherd in a node."""
+
+    def __init__(self, node, proc, log_path):
+        self.node = node
+        self.proc = proc
+        self.pid = proc.pid
+        self.log_path = log_path
+        self.started = time.monotonic()
+
+    @property
+    def returncode(self):
+        return self.proc.poll()
+
+    def state(self):
+        return exit_text(self.proc.poll())
+
+
+class Lab:
+    def __init__(self, binary=None):
+        self.binary = Path(binary) if binary else daemon_binary()
+        self.topology = None
+        self.dir = None
+        self.loop = None
+        self.ns = None
+        self.relay = None
+        self.drivers = {}
+        self.daemons = {}
+        self.mesh_journal = None
+        self.ready = False
+        self.serving = False
+        self._served = False
+        self.stop_requested = threading.Event()
+        self._control = None
+        self._control_thread = None
+        self._lock = threading.Lock()
+        self._down_lock = threading.Lock()
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *exc):
+        self.down()
+
+    # -- bring-up ---------------------------------------------------------------
+
+    def up(self, topology, lab_dir=None, settings=None):
+        """Builds the lab: directory, driver doubles, relay, control socket, namespaces.
+
+        `topology` is a file, a decoded topology object or a `Topology`;
+        `settings` are configuration keys added to every node's bandherd.conf."""
+        if isinstance(topology, topo_mod.Topology):
+            self.topology = topology
+        elif isinstance(topology, dict):
+            self.topology = topo_mod.parse(topology, "(given)")
+        else:
+            self.topology = topo_mod.load(topology)
+        self.dir = Path(lab_dir) if lab_dir else default_dir()
+        prepare_dir(self.dir)
+        try:
+            self._build(settings or {})
+        except BaseException:
+            self.down()
+            raise
+        self.ready = True
+        return self
+
+    def _build(self, settings):
+        raw = self.topology.raw if self.topology.raw is not None else {}
+        (self.dir / "topology.json").write_text(json.dumps(raw, indent=2) + "\n")
+        for node in self.topology.nodes:
+            (self.node_dir(node.name) / "run" / "maps").mkdir(parents=True, exist_ok=True)
+            node.config.update(settings)
+            self.write_conf(node.name)
+        self.mesh_journal = Journal(self.dir / "mesh.jsonl")
+        self.loop = Loop()
+        self.relay = Relay(self.topology, self.dir, self.loop, self.mesh_journal)
+        for node in self.topology.nodes:
+            journal = Journal(self.node_dir(node.name) / "driver.jsonl")
+            self.drivers[node.name] = DriverDouble(node, self.node_dir(node.name), self.loop, journal)
+        self.loop.start()
+        self.loop.call(self._start_sockets)
+        self._start_control()
+        (self.dir / CONTROLLER_PID).write_text(f"{os.getpid()}\n")
+        self.ns = netns.Namespaces(self.dir)
+        self.ns.start_host()
+        for node in self.topology.nodes:
+            self.ns.add_node(node, self.node_dir(node.name))
+        # Nodes have talked to their portal, as on a real network: its address is in their ARP tables.
+        portal = self.topology.portal
+        for node in self.topology.nodes:
+            if node is not portal:
+                self.ns.node_sh(node.name, f"ping -c1 -W2 {portal.address} >/dev/null")
+
+    def _start_sockets(self):
+        for d in self.drivers.values():
+            d.start()
+        self.relay.start()
+
+    def node_dir(self, name):
+        return self.dir / "nodes" / self.node(name).name
+
+    def node(self, name):
+        """The topology node named `name` (or whose id is `name`)."""
+        if self.topology is None:
+            raise LabError("the lab is not up")
+        return self.topology.node(name)
+
+    def write_conf(self, name, settings=None):
+        """Adds `settings` to a node's configuration and rewrites its bandherd.conf
+        (a daemon reads it when it starts)."""
+        node = self.node(name)
+        node.config.update(settings or {})
+        (self.node_dir(name) / "bandherd.conf").write_text(node.conf_lines())
+
+    # -- daemons --------------------------------------------------------------------
+
+    def start_daemon(self, name, extra_env=None, args=()):
+        """Starts bandherd in node `name`, its output appended to <node>/bandherd.log."""
+        node = self.node(name)
+        with self._lock:
+            d = self.daemons.get(node.name)
+            if d is not None and d.returncode is None:
+                raise LabError(f"the daemon of {node.name} is already running (pid {d.pid})")
+            if not self.binary.exists():
+                raise LabError(f"{self.binary} is not built")
+            env = dict(os.environ)
+            env["BANDHERD_CONF"] = CONF_IN_NODE
+            env.update({k: str(v) for k, v in (extra_env or {}).items()})
+            log_path = self.node_dir(name) / "bandherd.log"
+            with open(log_path, "ab") as out:
+                proc = self.ns.run(node.name, [self.binary.resolve()] + list(args), env=env,
+                                   stdout=out, stderr=subprocess.STDOUT,
+                                   cwd=self.node_dir(name) / "run", what="bandherd")
+            d = Daemon(node.name, proc, log_path)
+            self.daemons[node.name] = d
+            return d
+
+    def daemon(self, name):
+        return self.daemons.get(self.node(name).name)
+
+    def _running(self, name):
+        d = self.daemon(name)
+        if d is None:
+            raise LabError(f"no daemon was started in {name}")
+        return d
+
+    def stop_daemon(self, name, sig=signal.SIGTERM, timeout=20.0):
+        """Signals the daemon and waits for its end; returns its exit status
+        (negative: killed by that signal)."""
+        d = self._running(name)
+        if d.returncode is None:
+            os.kill(d.pid, sig)
+        return self.wait_daemon(name, timeout)
+
+    def wait_daemon(self, name, timeout=20.0):
+        """Waits for the daemon's end and returns its exit status; TimeoutError if it keeps running."""
+        try:
+            return self._running(name).proc.wait(timeout)
+        except subprocess.TimeoutExpired:
+            raise TimeoutError(f"the daemon of {name} still runs after {timeout} s") from None
+
+    def listening(self, name, path="/var/steer_socket"):
+        """True once the node's daemon listens on the Unix socket `path` (as the daemon names it)."""
+        d = self.daemon(name)
+        if d is None or d.returncode is not None:
+            return False
+        try:
+            table = Path(f"/proc/{d.pid}/net/unix").read_text().splitlines()[1:]
+        except OSError:
+            return False
+        for line in table:
+            f = line.split()
+            # Num RefCount Protocol Flags Type St Inode Path; flag 0x10000: accepting connections
+            if len(f) >= 8 and f[7] == path and int(f[3], 16) & 0x10000:
+                return True
+        return False
+
+    def log(self, name):
+        """The daemon's output so far (every run of it in this lab)."""
+        try:
+            return (self.node_dir(name) / "bandherd.log").read_text(errors="replace")
+        except FileNotFoundError:
+            return ""
+
+    def wait_log(self, name, pattern, timeout=10.0):
+        """Waits for a line of node `name`'s log to match; returns the match."""
+        rx = re.compile(pattern, re.M)
+        try:
+            return self.wait_for(lambda: rx.search(self.log(name)), timeout)
+        except TimeoutError:
+            raise TimeoutError(f"no line of {name}'s log matches {pattern!r}; the log:\n"
+                               + self.log(name)) from None
+
+    # -- inside the nodes ---------------------------------------------------------
+
+    def run(self, name, argv, **popen):
+        """Starts a program in node `name` (Popen keywords: env, stdin, stdout, stderr, cwd)."""
+        return self.ns.run(self.node(name).name, argv, **popen)
+
+    def sh(self, name, script):
+        """Runs a shell script in node `name` and returns its output (raises when it fails)."""
+        return self.ns.node_sh(self.node(name).name, script)
+
+    # -- driver and mesh --------------------------------------------------------
+
+    def driver(self, name):
+        return self.drivers[self.node(name).name]
+
+    def inject(self, name, code, payload=b""):
+        return self.driver(name).inject(code, payload)
+
+    def send(self, from_node, to, msg_type, body):
+        return self.relay.send(from_node, to, msg_type, body)
+
+    def announce_uplink(self, name):
+        """Tells a node with a wireless backhaul its uplink and hop count ("SAP_INFO"),
+        as the mesh daemon does; returns the message's record."""
+        node = self.node(name)
+        if node.backhaul is None:
+            raise LabError(f"{node.name} has no wireless backhaul")
+        up = self.node(node.backhaul.uplink)
+        return self.send(None, node.name, "SAP_INFO", {"mac": up.id, "hopcont": node.backhaul.hops})
+
+    def wait_for(self, predicate, timeout=10.0, step=0.02):
+        """Polls `predicate` until it returns something true and returns that; TimeoutError otherwise."""
+        box = []
+
+        def probe():
+            v = predicate()
+            if v:
+                box.append(v)
+            return v
+
+        if not wait_until(probe, timeout, step):
+            raise TimeoutError(f"condition not met in {timeout} s")
+        return box[-1]
+
+    def nodes(self):
+        """What `python3 -m lab nodes` shows."""
+        out = []
+        for n in self.topology.nodes:
+            d = self.daemons.get(n.name)
+            out.append({"name": n.name, "id": n.id, "address": n.address, "portal": n.portal,
+                        "dir": str(self.node_dir(n.name)),
+                        "holder": self.ns.holders[n.name].pid if self.ns and n.name in self.ns.holders else None,
+                        "daemon_pid": d.pid if d else None,
+                        "daemon": d.state() if d else "not started"})
+        return out
+
+    # -- teardown -----------------------------------------------------------------
+
+    def down(self, grace=5.0):
+        """Stops the daemons (SIGTERM, then SIGKILL after `grace` s), everything in
+        the nodes, the namespaces and the sockets. Logs and records stay. Safe to call twice."""
+        with self._down_lock:
+            self._down(grace)
+
+    def _down(self, grace):
+        self.ready = False
+        running = [d for d in self.daemons.values() if d.returncode is None]
+        for d in running:
+            try:
+                os.kill(d.pid, signal.SIGTERM)
+            except ProcessLookupError:
+                pass
+        deadline = time.monotonic() + grace
+        for d in running:
+            try:
+                d.proc.wait(max(0.1, deadline - time.monotonic()))
+            except subprocess.TimeoutExpired:
+                d.proc.kill()
+                d.proc.wait()
+        failure = None
+        if self.ns is not None:
+            try:
+                self.ns.down()
+            except netns.NamespaceError as e:
+                failure = e
+            self.ns = None
+        self._stop_control()
+        if self.loop is not None:
+            def stop_sockets():
+                for drv in self.drivers.values():
+                    drv.stop()
+                if self.relay:
+                    self.relay.stop()
+            self.loop.call(stop_sockets)
+            self.loop.stop()
+            self.loop = None
+        for drv in self.drivers.values():
+            drv.journal.close()
+        if self.mesh_journal is not None:
+            self.mesh_journal.close()
+        if self.dir is not None:
+            remove_sockets(self.dir)
+            try:
+                pidfile = self.dir / CONTROLLER_PID
+                if pidfile.read_text().strip() == str(os.getpid()):
+                    pidfile.unlink()
+            except OSError:
+                pass
+        self.stop_requested.set()
+        if failure is not None:
+            raise failure
+
+    # -- control socket -------------------------------------------------------------
+
+    def _start_control(self):
+        path = self.dir / CONTROL
+        try:
+            path.unlink()
+        except FileNotFoundError:
+            pass
+        s = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        s.bind(str(path))
+        s.listen(8)
+        self._control = s
+        self._control_thread = threading.Thread(target=self._control_accept, name="lab-control",
+                                                daemon=True)
+        self._control_thread.start()
+
+    def _stop_control(self):
+        if self._control is None:
+            return
+        try:
+            self._control.shutdown(socket.SHUT_RDWR)
+        except OSError:
+            pass
+        self._control.close()
+        self._control = None
+        if self._control_thread is not threading.current_thread():
+            self._control_thread.join(5)
+
+    def _control_accept(self):
+        while True:
+            try:
+                conn, _ = self._control.accept()
+            except (OSError, AttributeError):
+                return
+            threading.Thread(target=self._control_conn, args=(conn,), daemon=True).start()
+
+    def _control_conn(self, conn):
+        with conn, conn.makefile("rwb") as f:
+            for line in f:
+                req = {}
+                try:
+                    req = json.loads(line)
+                    answer = {"ok": True, "result": self.control(req)}
+                except Exception as e:       # every failure goes back to the caller
+                    answer = {"ok": False, "error": f"{type(e).__name__}: {e}"}
+                f.write(json.dumps(answer).encode() + b"\n")
+                f.flush()
+                if req.get("cmd") == "down" and answer["ok"]:
+                    return
+
+    def control(self, req):
+        """Carries out one control request (a dict with "cmd") and returns the result."""
+        cmd = req.get("cmd")
+        if cmd == "status":
+            # A background controller is ready once it has started the daemons too.
+            return {"ready": self.ready and (not self.serving or self._served),
+                    "dir": str(self.dir), "pid": os.getpid(), "topology": self.topology.source}
+        if not self.ready and cmd != "down":
+            raise LabError("the lab is not up")
+        if cmd == "nodes":
+            return self.nodes()
+        if cmd == "inject":
+            return self.inject(req["node"], event_code(req["code"]), bytes.fromhex(req.get("hex", ""))).hex()
+        if cmd == "sta":
+            fields = {k: req[k] for k in ("bands", "caps", "rssi", "nss", "load", "sta_num", "active")
+                      if k in req}
+            return self.driver(req["node"]).sta_event(req["event"], req["mac"], req["bss_index"],
+                                                     **fields).hex()
+        if cmd == "radio":
+            fields = {k: req[k] for k in ("load", "sta_num", "work_band") if k in req}
+            return self.driver(req["node"]).radio_status(req["radio_index"], req["channel"], **fields).hex()
+        if cmd == "send":
+            return self.send(req.get("from"), req["to"], req["type"], req.get("body", {}))
+        if cmd == "announce":
+            return self.announce_uplink(req["node"])
+        if cmd == "relay":
+            return self._relay_control(req)
+        if cmd == "driver":
+            drv = self.driver(req["node"])
+            if "pong_version" in req:
+                drv.pong_version = req["pong_version"]
+            if "ping_answer" in req:
+                drv.ping_answer = None if req["ping_answer"] is None else req["ping_answer"].encode()
+            if "call_results" in req:
+                drv.call_results = dict(req["call_results"])
+            if "command_results" in req:
+                drv.command_results = {command_code(k): v for k, v in req["command_results"].items()}
+            return {"pong_version": drv.pong_version, "ping_answer": None if drv.ping_answer is None
+                    else drv.ping_answer.decode(errors="replace"),
+                    "call_results": drv.call_results, "command_results": drv.command_results}
+        if cmd == "start":
+            d = self.start_daemon(req["node"], req.get("env"))
+            if self.serving and self.node(req["node"]).backhaul is not None:
+                threading.Thread(target=self._announce_when_listening, args=(d.node,), daemon=True).start()
+            return d.pid
+        if cmd == "stop":
+            sig = parse_signal(req.get("signal", "TERM"))
+            return exit_text(self.stop_daemon(req["node"], sig, req.get("timeout", 20.0)))
+        if cmd == "messages":
+            return self.relay.messages(**req.get("match", {}))
+        if cmd == "records":
+            return self.driver(req["node"]).records(**req.get("match", {}))
+        if cmd == "down":
+            if self.serving:
+                self.stop_requested.set()
+            else:
+                threading.Thread(target=self.down, daemon=True).start()
+            return "going down"
+        raise LabError(f"unknown command {cmd!r}")
+
+    def _relay_control(self, req):
+        action = req.get("action", "faults")
+        r = self.relay
+        if action == "drop":
+            r.drop(req.get("types"))
+        elif action == "delay":
+            r.delay(req["seconds"], req.get("types"))
+        elif action == "partition":
+            r.partition(*req["groups"])
+        elif action == "heal":
+            r.heal()
+        elif action == "clear":
+            r.clear()
+        elif action != "faults":
+            raise LabError(f"unknown relay action {action!r}")
+        return r.faults()
+
+    # -- the background controller -------------------------------------------------
+
+    def serve(self, topology, lab_dir=None, settings=None, daemons=True):
+        """Runs a lab until a "down" request, SIGTERM or SIGINT, then tears it down."""
+        self.serving = True
+        for sig in (signal.SIGTERM, signal.SIGINT, signal.SIGHUP):
+            signal.signal(sig, lambda *_: self.stop_requested.set())
+        try:
+            self.up(topology, lab_dir, settings)
+            if daemons:
+                for n in self.topology.nodes:
+                    self.start_daemon(n.name)
+                for n in self.topology.nodes:
+                    if n.backhaul is not None:
+                        threading.Thread(target=self._announce_when_listening, args=(n.name,),
+                                         daemon=True).start()
+            self._served = True
+            print(f"lab up in {self.dir}", flush=True)
+            while not self.stop_requested.wait(0.5):
+                pass
+        finally:
+            self.down()
+        print("lab down", flush=True)
+
+    def _announce_when_listening(self, name):
+        if wait_until(lambda: self.listening(name) or self.stop_requested.is_set(), 30.0, 0.1) \
+                and not self.stop_requested.is_set():
+            try:
+                self.announce_uplink(name)
+            except Exception as e:
+                log.warning("SAP_INFO to %s not sent: %s", name, e)
+
+
+def prepare_dir(lab_dir):
+    """Makes `lab_dir` ready for a new lab: ends what an earlier run left behind and
+    removes its files; refuses a running lab or a directory that is not a lab's."""
+    lab_dir = Path(lab_dir)
+    lab_dir.mkdir(parents=True, exist_ok=True)
+    pid = controller_pid(lab_dir)
+    if pid is not None and pid != os.getpid() and _answers(lab_dir):
+        raise LabError(f"a lab controller (pid {pid}) runs in {lab_dir}; "
+                       f"`python3 -m lab down --dir {lab_dir}` first")
+    foreign = [p.name for p in lab_dir.iterdir() if p.name not in LAB_FILES]
+    if foreign:
+        raise LabError(f"{lab_dir} holds files that are not a lab's ({', '.join(sorted(foreign)[:5])}); "
+                       f"choose another directory")
+    netns.cleanup(lab_dir)
+    for name in ("nodes",):
+        _rmtree(lab_dir / name)
+    # controller.log is the output of the controller now starting.
+    for name in LAB_FILES - {"nodes", "controller.log"}:
+        try:
+            (lab_dir / name).unlink()
+        except FileNotFoundError:
+            pass
+
+
+def _rmtree(path):
+    if not path.exists():
+        return
+    for root, dirs, files in os.walk(path, topdown=False):
+        for f in files:
+            os.unlink(os.path.join(root, f))
+        for d in dirs:
+            full = os.path.join(root, d)
+            if os.path.islink(full):
+                os.unlink(full)
+            else:
+                os.rmdir(full)
+    os.rmdir(path)
+
+
+def remove_sockets(lab_dir):
+    """Removes every socket file under a lab directory (the lab's and the daemons')."""
+    for root, _, files in os.walk(lab_dir):
+        for f in files:
+            p = os.path.join(root, f)
+            try:
+                if stat.S_ISSOCK(os.lstat(p).st_mode):
+                    os.unlink(p)
+            except FileNotFoundError:
+                pass
+
+
+def controller_pid(lab_dir):
+    """The pid of the controller running in `lab_dir`, or None."""
+    try:
+        pid = int((Path(lab_dir) / CONTROLLER_PID).read_text())
+    except (OSError, ValueError):
+        return None
+    try:
+        os.kill(pid, 0)
+    except ProcessLookupError:
+        return None
+    except PermissionError:
+        pass
+    return pid
+
+
+def _answers(lab_dir):
+    try:
+        control_request(lab_dir, {"cmd": "status"}, timeout=2.0)
+        return True
+    except (OSError, LabError, ValueError):
+        return False
+
+
+def control_request(lab_dir, request, timeout=30.0):
+    """Sends one request to the controller of `lab_dir` and returns its result;
+    LabError when it refuses, OSError when no controller answers."""
+    s = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+    s.settimeout(timeout)
+    with s:
+        s.connect(str(Path(lab_dir) / CONTROL))
+        s.sendall(json.dumps(request).encode() + b"\n")
+        with s.makefile("rb") as f:
+            line = f.readline()
+    if not line:
+        raise LabError("the controller closed the connection")
+    answer = json.loads(line)
+    if not answer["ok"]:
+        raise LabError(answer["error"])
+    return answer["result"]
+
+
+def teardown(lab_dir, timeout=30.0):
+    """Ends the lab of `lab_dir`: asks its controller, or when none answers cleans
+    up after it. Returns what was done, for people."""
+    lab_dir = Path(lab_dir)
+    pid = controller_pid(lab_dir)
+    done = "nothing to do"
+    if pid is not None:
+        try:
+            control_request(lab_dir, {"cmd": "down"}, timeout=5.0)
+            done = f"controller {pid} went down"
+        except (OSError, LabError, ValueError):
+            os.kill(pid, signal.SIGTERM)
+            done = f"controller {pid} did not answer, sent SIGTERM"
+        if not wait_until(lambda: controller_pid(lab_dir) is None or not _is_alive(pid), timeout, 0.05):
+            os.kill(pid, signal.SIGKILL)
+            done += ", then SIGKILL"
+            wait_until(lambda: not _is_alive(pid), 5.0)
+    if netns.cleanup(lab_dir):
+        done = ("cleaned up what a dead controller left" if pid is None
+                else done + "; cleaned up what it left")
+    if lab_dir.exists():
+        remove_sockets(lab_dir)
+    try:
+        (lab_dir / CONTROLLER_PID).unlink()
+    except FileNotFoundError:
+        pass
+    return done
+
+
+def _is_alive(pid):
+    return netns._alive(pid)
+

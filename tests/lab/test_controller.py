@@ -1,0 +1,182 @@
+"""The lab controller and its command line: a running lab driven from another process, a real
+daemon inside a node, up and down in the background, and the demo."""
+
+import json
+import os
+import re
+import signal
+import struct
+import subprocess
+import sys
+
+import pytest
+
+from lab import netns
+from lab.controller import Lab, LabError
+from lab.sandbox import REPO, wait_until
+from standins import BROADCAST, NetlinkEnd, SteerSocket, event_message, message, ping_message, weft_send
+
+TWO = REPO / "lab" / "topologies" / "two-node.json"
+THREE = REPO / "lab" / "topologies" / "three-node.json"
+A_ID, B_ID = "02:00:00:00:0a:00", "02:00:00:00:0b:00"
+STA = "02:aa:00:00:00:07"
+
+
+def lab_cli(lab_dir, *args):
+    return subprocess.run([sys.executable, "-m", "lab", "--dir", str(lab_dir), *args], cwd=REPO,
+                          capture_output=True, text=True, timeout=60)
+
+
+@pytest.fixture
+def lab(lab_dir):
+    with Lab() as lab:
+        lab.up(THREE, lab_dir)
+        yield lab
+
+
+def test_the_command_line_drives_a_running_lab(lab, lab_dir):
+    nl = NetlinkEnd(lab_dir / "nodes" / "A")
+    steer = SteerSocket(lab_dir / "nodes" / "B")
+    try:
+        # Each node has talked to the portal: its address is in their ARP tables.
+        assert A_ID in lab.sh("C", "cat /proc/net/arp") and A_ID in lab.sh("B", "cat /proc/net/arp")
+
+        r = lab_cli(lab_dir, "nodes")
+        assert r.returncode == 0, r.stderr
+        rows = [line.split() for line in r.stdout.splitlines()[1:]]
+        assert [row[:3] for row in rows] == [["A", A_ID, "169.254.100.1"], ["B", B_ID, "169.254.100.2"],
+                                             ["C", "02:00:00:00:0c:00", "169.254.100.3"]]
+        assert all(row[-2:] == ["not", "started"] for row in rows)
+
+        r = lab_cli(lab_dir, "sta", "A", "join", STA, "--bss", "2", "--rssi", "-71", "--caps", "0x0c")
+        assert r.returncode == 0, r.stderr
+        got = nl.recv()
+        assert got[:24] == event_message(2, bytes(24))[:24]
+        assert got[24:31] == bytes.fromhex(STA.replace(":", "")) + bytes([2])
+        assert struct.unpack_from("=Ib", got, 24 + 12) == (0x0c, -71)
+
+        assert lab_cli(lab_dir, "radio", "A", "1", "6", "--load", "55").returncode == 0
+        assert nl.recv() == event_message(9, bytes([1, 6, 55, 0]) + struct.pack("=I", 2))
+        assert lab_cli(lab_dir, "inject", "A", "VAP_UPDATE").returncode == 0
+        assert nl.recv() == event_message(10, b"")
+        assert lab_cli(lab_dir, "inject", "A", "8", "0a0b0c").returncode == 0
+        assert nl.recv() == event_message(8, bytes([10, 11, 12]))
+
+        assert lab_cli(lab_dir, "driver", "A", "--no-pong").returncode == 0
+        nl.send(ping_message())
+        with pytest.raises(OSError):
+            nl.recv(0.3)
+        assert lab_cli(lab_dir, "driver", "A", "--reset").returncode == 0
+        nl.send(ping_message())
+        assert nl.recv() == event_message(1, b"MAPS_API_V2\0")
+
+        r = lab_cli(lab_dir, "send", "B", "SAP_INFO", json.dumps({"mac": A_ID, "hopcont": 1}))
+        assert r.returncode == 0, r.stderr
+        assert json.loads(r.stdout)["delivered"] == ["B"]
+        data = steer.wait(1)[0]
+        assert data[6:12] == bytes.fromhex(B_ID.replace(":", "")) and json.loads(data[44:-1])["hopcont"] == 1
+
+        r = lab_cli(lab_dir, "relay", "partition", "A", "B,C")
+        assert json.loads(r.stdout)["groups"] == [["A"], ["B", "C"]]
+        weft_send(lab_dir / "nodes" / "A", message(A_ID, BROADCAST, "SNEI_HEARTBEAT", "{}"))
+        assert wait_until(lambda: len(lab.relay.messages(type="SNEI_HEARTBEAT")) == 1, 2.0)
+        assert lab.relay.messages(type="SNEI_HEARTBEAT")[0]["undelivered"]["B"] == "partitioned"
+        assert json.loads(lab_cli(lab_dir, "relay", "clear").stdout)["groups"] is None
+        r = lab_cli(lab_dir, "messages", "--type", "SNEI_HEARTBEAT")
+        assert [json.loads(line)["sender"] for line in r.stdout.splitlines()] == ["A"]
+
+        r = lab_cli(lab_dir, "send", "Z", "SAP_INFO", "{}")
+        assert r.returncode == 1 and "no node 'Z'" in r.stderr
+        r = lab_cli(lab_dir, "inject", "A", "STA_JUMP", "")
+        assert r.returncode == 1 and "unknown event 'STA_JUMP'" in r.stderr
+    finally:
+        nl.close()
+        steer.close()
+
+
+def test_a_daemon_runs_in_its_node_with_the_driver_double(bandherd, lab, lab_dir):
+    d = lab.start_daemon("A")
+    lab.wait_log("A", r"bandherd is ready\.")
+    node_dir = lab_dir / "nodes" / "A"
+    # Its /var is the node's directory and it lives in the node's namespaces.
+    assert (node_dir / "run" / "bandherd.pid").read_text() == str(d.pid)
+    assert os.readlink(f"/proc/{d.pid}/ns/net") == os.readlink(f"/proc/{lab.ns.holders['A'].pid}/ns/net")
+    assert lab.wait_for(lambda: lab.listening("A", "/var/steer_socket"), 5.0)
+    assert not lab.listening("B") and not lab.listening("A", "/var/weft_socket")
+    ping = lab.driver("A").records(kind="netlink", event="MAPS_EV_PING")
+    assert ping and ping[0]["nlmsg_pid"] == 3333
+    assert lab.driver("A").records(kind="event", event="MAPS_EV_PONG")
+    with pytest.raises(LabError, match="already running"):
+        lab.start_daemon("A")
+    assert [n["daemon"] for n in lab.nodes()] == ["running", "not started", "not started"]
+    assert lab.stop_daemon("A", signal.SIGTERM) == 0
+    assert lab.nodes()[0]["daemon"] == "exited 0"
+    assert re.search(r"receive signal 15$", lab.log("A"), re.M)
+    # Started again, and stopped from the command line with another signal.
+    lab.start_daemon("A")
+    lab.wait_log("A", r"(?s)signal 15.*bandherd is ready\.")
+    r = lab_cli(lab_dir, "stop", "A", "--signal", "INT")
+    assert r.returncode == 0 and r.stdout == "bandherd of A: exited 0\n", r.stdout + r.stderr
+    assert re.search(r"receive signal 2$", lab.log("A"), re.M)
+
+
+def test_up_refuses_a_directory_that_is_not_a_labs(lab_dir):
+    (lab_dir / "notes.txt").write_text("mine\n")
+    with pytest.raises(LabError, match=r"not a lab's \(notes.txt\)"):
+        Lab().up(TWO, lab_dir)
+    assert (lab_dir / "notes.txt").read_text() == "mine\n"
+
+
+def test_a_failed_bring_up_leaves_nothing_running(lab_dir, monkeypatch):
+    made = []
+    real_add_node = netns.Namespaces.add_node
+
+    def add_node(self, node, node_dir):
+        if made:
+            raise netns.NamespaceError("no room for a second node")
+        real_add_node(self, node, node_dir)
+        made.extend([self.host.pid, self.holders[node.name].pid])
+
+    monkeypatch.setattr(netns.Namespaces, "add_node", add_node)
+    lab = Lab()
+    with pytest.raises(netns.NamespaceError, match="no room"):
+        lab.up(TWO, lab_dir)
+    assert len(made) == 2 and not any(netns._alive(p) for p in made)
+    assert not (lab_dir / "pids.json").exists() and not (lab_dir / "controller.pid").exists()
+    assert [p for p in lab_dir.rglob("*") if p.is_socket()] == []
+
+
+def test_up_in_the_background_then_down(lab_dir, tmp_path):
+    bad = tmp_path / "bad.json"
+    bad.write_text('{"nodes": [{"name": "A", "id": "02:00:00:00:0a:00"}]}')
+    r = lab_cli(lab_dir, "up", str(bad))
+    assert r.returncode == 1 and "exactly one node must be the portal" in r.stderr
+
+    r = lab_cli(lab_dir, "up", str(TWO), "--no-daemons", "--set", "bandherd.log_level=6")
+    assert r.returncode == 0, r.stdout + r.stderr
+    assert f"lab up in {lab_dir}" in r.stdout
+    controller = int((lab_dir / "controller.pid").read_text())
+    assert "bandherd.log_level=6\n" in (lab_dir / "nodes" / "B" / "bandherd.conf").read_text()
+    r = lab_cli(lab_dir, "up", str(TWO))
+    assert r.returncode == 1 and "already runs" in r.stderr
+    r = lab_cli(lab_dir, "exec", "B", "ip", "-br", "addr", "show", "br0")
+    assert r.returncode == 0 and "169.254.100.2/24" in r.stdout
+    r = lab_cli(lab_dir, "down")
+    assert r.returncode == 0 and f"controller {controller} went down" in r.stdout
+    assert not netns._alive(controller)
+    assert not (lab_dir / "pids.json").exists() and not (lab_dir / "controller.pid").exists()
+    assert [p for p in lab_dir.rglob("*") if p.is_socket()] == []
+    assert "lab down" in (lab_dir / "controller.log").read_text()
+
+
+def test_demo_shows_two_ready_daemons_and_a_message_across_the_mesh(bandherd, lab_dir):
+    r = lab_cli(lab_dir, "demo")
+    assert r.returncode == 0, r.stdout + r.stderr
+    out = r.stdout
+    assert re.search(r"^  A: .*bandherd is ready\.$", out, re.M), out
+    assert re.search(r"^  B: .*bandherd is ready\.$", out, re.M), out
+    assert "delivered to ['B']" in out
+    assert re.search(r"UPLINK MAC 02:00:00:00:0a:00", out), out
+    assert "== tearing down" in out
+    assert [p for p in lab_dir.rglob("*") if p.is_socket()] == []
+    assert not (lab_dir / "pids.json").exists()
