@@ -206,54 +206,61 @@ sap_node_t *snei_new(const uint8_t *id)
     return node;
 }
 
-bool snei_resolve_ess(sap_node_t *node, smsg_dict_t *root)
+// What reading one list of a heartbeat came to.
+enum snei_result {
+    SNEI_OK,
+    SNEI_MISSING,  // no such list: nothing more is read, the record stays
+    SNEI_BAD,      // the record goes
+};
+
+snei_result snei_resolve_ess(sap_node_t *node, smsg_dict_t *root)
 {
     smsg_list_iter_t iter;
     if (!smsg_list_iter(root, "ess", &iter))
-        return true;  // nothing more to read; the record stays
+        return SNEI_MISSING;
     for (smsg_dict_t *item; (item = smsg_list_next(&iter)) != nullptr;) {
         int err = 0;
         int index = smsg_get_int(item, "index", &err);
         if (err != 0) {
             LOG_ERROR("%s:%d, get field 'index' failed");
-            return false;
+            return SNEI_BAD;
         }
         if ((unsigned)index >= SAP_ESS_MAX) {
             LOG_ERROR("%s:%d, invalid ess_index %d", index);
-            return false;
+            return SNEI_BAD;
         }
         const char *essid = smsg_get_string(item, "essid");
         if (!essid) {
             LOG_ERROR("%s:%d, get essid failed");
-            return false;
+            return SNEI_BAD;
         }
         const char *mine = g_self.ess[index].essid;
         if (mine[0] != '\0' && strcmp(mine, essid) != 0) {
             LOG_ERROR("%s:%d, ssid doesn't match, my '%s', [" MAC_FMT "] '%s'", mine, MAC_ARG(node->node_id), essid);
-            return false;
+            return SNEI_BAD;
         }
         node->ess[index].ess_index = (uint8_t)index;
         snprintf(node->ess[index].essid, sizeof(node->ess[index].essid), "%.32s", essid);
     }
-    return true;
+    return SNEI_OK;
 }
 
-bool snei_resolve_radio(sap_node_t *node, smsg_dict_t *root)
+snei_result snei_resolve_radio(sap_node_t *node, smsg_dict_t *root)
 {
     smsg_list_iter_t iter;
     if (!smsg_list_iter(root, "radio", &iter))
-        return true;
+        return SNEI_MISSING;
     int n = 0;
     for (smsg_dict_t *item; (item = smsg_list_next(&iter)) != nullptr;) {
         n++;
         if (n > SAP_RADIO_MAX) {
             LOG_ERROR("%s:%d, invalid radio_index %d", n);
-            return false;
+            return SNEI_BAD;
         }
         int channel = smsg_get_int(item, "channel", nullptr);
         if (channel < 1) {
             LOG_ERROR("%s:%d, invalid channel %d", channel);
-            return false;
+            return SNEI_BAD;
         }
         sap_radio_t *radio = &node->radios[n];
         radio->channel = (uint8_t)channel;
@@ -262,45 +269,45 @@ bool snei_resolve_radio(sap_node_t *node, smsg_dict_t *root)
         radio->sta_num = (uint8_t)smsg_get_int(item, "sta_num", nullptr);
         radio->work_band = (uint32_t)smsg_get_int(item, "work_band", nullptr);
     }
-    return true;
+    return SNEI_OK;
 }
 
-bool snei_resolve_bss(sap_node_t *node, smsg_dict_t *root)
+snei_result snei_resolve_bss(sap_node_t *node, smsg_dict_t *root)
 {
     smsg_list_iter_t iter;
     if (!smsg_list_iter(root, "bss", &iter))
-        return true;
+        return SNEI_MISSING;
     int n = 0;
     for (smsg_dict_t *item; (item = smsg_list_next(&iter)) != nullptr;) {
         n++;
         const char *ifname = smsg_get_string(item, "ifname");
         if (!ifname) {
             LOG_ERROR("%s:%d, get ifname failed");
-            return false;
+            return SNEI_BAD;
         }
         if (n > SAP_BSS_INDEX_MAX) {
             LOG_ERROR("%s:%d, invalid bss_index %d", n);
-            return false;
+            return SNEI_BAD;
         }
         int radio_index = smsg_get_int(item, "radio", nullptr);
         if (radio_index < 1 || radio_index > SAP_RADIO_MAX) {
             LOG_ERROR("%s:%d, invalid radio_index %d", radio_index);
-            return false;
+            return SNEI_BAD;
         }
         int ess_index = smsg_get_int(item, "ess", nullptr);
         if ((unsigned)ess_index >= SAP_ESS_MAX) {
             LOG_ERROR("%s:%d, invalid ess_index");
-            return false;
+            return SNEI_BAD;
         }
         sap_ess_t *ess = &node->ess[ess_index];
         if (ess->essid[0] == '\0') {
             LOG_ERROR("%s:%d, invalid status of ess%d", ess_index);
-            return false;
+            return SNEI_BAD;
         }
         sap_radio_t *radio = &node->radios[radio_index];
         if (radio->channel == 0) {
             LOG_ERROR("%s:%d, invalid status of radio%d", radio_index);
-            return false;
+            return SNEI_BAD;
         }
         sap_bss_t *slot = nullptr;
         for (sap_bss_t &b : ess->bss)
@@ -319,7 +326,7 @@ bool snei_resolve_bss(sap_node_t *node, smsg_dict_t *root)
         if (!slot) {
             LOG_ERROR("%s:%d, ess%d list of " MAC_FMT " is full, can't add bss%d", ess_index, MAC_ARG(node->node_id),
                       n);
-            return false;
+            return SNEI_BAD;
         }
         node->managed_bss[n] = slot;
         slot->ess = ess;
@@ -330,7 +337,7 @@ bool snei_resolve_bss(sap_node_t *node, smsg_dict_t *root)
         smsg_get_mac(item, "bssid", slot->bssid);
         snprintf(slot->ifname, sizeof(slot->ifname), "%.15s", ifname);
     }
-    return true;
+    return SNEI_OK;
 }
 
 void snei_heartbeat_recv(const uint8_t *, const uint8_t *sa, const char *, smsg_dict_t *root)
@@ -349,8 +356,15 @@ void snei_heartbeat_recv(const uint8_t *, const uint8_t *sa, const char *, smsg_
     node->is_mpp = smsg_get_int(root, "is_mpp", &err) != 0;
     node->hop = smsg_get_int(root, "hop", &err);
 
-    if (!snei_resolve_ess(node, root) || !snei_resolve_radio(node, root) || !snei_resolve_bss(node, root))
-        snei_del(node);
+    snei_result (*const steps[])(sap_node_t *, smsg_dict_t *) = {snei_resolve_ess, snei_resolve_radio,
+                                                                 snei_resolve_bss};
+    for (auto step : steps) {
+        snei_result r = step(node, root);
+        if (r == SNEI_BAD)
+            snei_del(node);
+        if (r != SNEI_OK)
+            return;
+    }
 }
 
 void snei_exit_recv(const uint8_t *, const uint8_t *sa, const char *, smsg_dict_t *)

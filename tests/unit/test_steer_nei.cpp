@@ -154,6 +154,17 @@ TEST_F(SneiTest, MalformedHeartbeatsRemoveTheSender)
     EXPECT_EQ(snei_get_cnt(), 1);
 }
 
+TEST_F(SneiTest, HeartbeatWithoutEssListKeepsTheRecordAndReadsNoFurther)
+{
+    receive(node_mac(1), "SNEI_HEARTBEAT",
+            R"({"is_mpp":1,"link_rate2mpp":5,"hop":0,"radio":[{"work_band":2,"channel":1,"load":0,"sta_num":0}]})");
+    sap_node_t *node = snei_find(node_mac(1));
+    ASSERT_NE(node, nullptr);
+    EXPECT_EQ(node->link_rate2mpp, 5);
+    EXPECT_TRUE(node->is_mpp);
+    EXPECT_EQ(node->radios[1].channel, 0);
+}
+
 TEST_F(SneiTest, SilentNeighbourIsAgedAfter45Seconds)
 {
     g_time = 1000;
