@@ -202,6 +202,21 @@ void sap_init_ess()
     }
 }
 
+// Whether a managed BSS's interface is there and up; FATAL-level lines when not.
+bool sap_bss_is_up(const sap_bss_t &bss)
+{
+    char osif[SAP_IFNAME_SIZE] = {};
+    if (uwb_get_os_ifname(bss.ifname, osif, sizeof(osif)) != 0) {
+        LOG_FATAL("%s:%d, %s get os ifname fail", bss.ifname);
+        return false;
+    }
+    if (!sif_is_up(osif)) {
+        LOG_FATAL("%s:%d, BSS%d(%s) is not up", bss.bss_index, bss.ifname);
+        return false;
+    }
+    return true;
+}
+
 void sap_setup_bss()
 {
     for (sap_ess_t &ess : g_self.ess) {
@@ -219,15 +234,8 @@ void sap_setup_bss()
         for (sap_bss_t &bss : ess.bss) {
             if (bss.bss_index == 0)
                 continue;
-            char osif[SAP_IFNAME_SIZE] = {};
-            if (uwb_get_os_ifname(bss.ifname, osif, sizeof(osif)) != 0) {
-                LOG_FATAL("%s:%d, %s get os ifname fail", bss.ifname);
+            if (!sap_bss_is_up(bss))
                 abort();
-            }
-            if (!sif_is_up(osif)) {
-                LOG_FATAL("%s:%d, BSS%d(%s) is not up", bss.bss_index, bss.ifname);
-                abort();
-            }
             LOG_DEBUG("%s:%d, ifname(%s) : add nbr info into rrm_nbr_list.\n", bss.ifname);
             if (s_en_ap)
                 sven_add_nbr_info(bss.ifname);
@@ -318,15 +326,8 @@ void sap_exit()
         for (sap_bss_t &bss : ess.bss) {
             if (bss.bss_index == 0)
                 continue;
-            char osif[SAP_IFNAME_SIZE] = {};
-            if (uwb_get_os_ifname(bss.ifname, osif, sizeof(osif)) != 0) {
-                LOG_FATAL("%s:%d, %s get os ifname fail", bss.ifname);
+            if (!sap_bss_is_up(bss))
                 continue;
-            }
-            if (!sif_is_up(osif)) {
-                LOG_FATAL("%s:%d, BSS%d(%s) is not up", bss.bss_index, bss.ifname);
-                continue;
-            }
             if (s_en_ap) {
                 sven_del_nbr_info(bss.ifname, bss.radio ? bss.radio->work_band : 0);
                 LOG_DUMP("%s:%d, ifname(%s) : del nbr info from rrm_nbr_list.\n", bss.ifname);

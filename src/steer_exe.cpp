@@ -10,11 +10,14 @@ namespace {
 
 constexpr int SEXE_CMD_SIZE = 512;
 
-// Formats the command; false when it does not fit.
+// Formats the command; false (logged) when it does not fit.
 bool sexe_format(char *cmd, const char *cmd_fmt, va_list ap)
 {
     int n = vsnprintf(cmd, SEXE_CMD_SIZE, cmd_fmt, ap);
-    return n >= 0 && n < SEXE_CMD_SIZE;
+    if (n >= 0 && n < SEXE_CMD_SIZE)
+        return true;
+    LOG_ERROR("%s:%d, command too long(>%d), fmt '%s'", SEXE_CMD_SIZE - 1, cmd_fmt);
+    return false;
 }
 
 }  // namespace
@@ -28,10 +31,8 @@ int sexe_no_out(const char *cmd_fmt, ...)
     va_start(ap, cmd_fmt);
     bool ok = sexe_format(cmd, cmd_fmt, ap);
     va_end(ap);
-    if (!ok) {
-        LOG_ERROR("%s:%d, command too long(>%d), fmt '%s'", SEXE_CMD_SIZE - 1, cmd_fmt);
+    if (!ok)
         return -1;
-    }
 
     int status = system(cmd);
     if (status == -1 || ((status >> 8) & 0xff) != 0 || (status & 0x7f) != 0) {
@@ -53,10 +54,8 @@ int sexe_output(char *output, size_t output_size, const char *cmd_fmt, ...)
     va_start(ap, cmd_fmt);
     bool ok = sexe_format(cmd, cmd_fmt, ap);
     va_end(ap);
-    if (!ok) {
-        LOG_ERROR("%s:%d, command too long(>%d), fmt '%s'", SEXE_CMD_SIZE - 1, cmd_fmt);
+    if (!ok)
         return -1;
-    }
 
     FILE *fp = popen(cmd, "r");
     if (!fp) {
