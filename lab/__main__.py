@@ -12,8 +12,9 @@
     driver NODE ...                 driver misbehaviour (pong version, ping answer, failing calls)
     start NODE / stop NODE          start or signal a node's daemon
     messages                        the mesh messages seen so far
+    scenario FILE [-v]              play a scenario against the running lab, print its timeline
     down              tear everything down (also after a failed run)
-    demo [--keep]     a two-node mesh, both daemons ready, a message crossing the mesh
+    demo [--keep]     a three-node mesh, a short scenario, neighbour tables and station counts converging
 """
 
 import argparse
@@ -25,7 +26,7 @@ import sys
 import time
 from pathlib import Path
 
-from lab import netns, topology as topo_mod
+from lab import daemonlog, netns, scenario as scenario_mod, topology as topo_mod
 from lab.controller import Lab, LabError, control_request, controller_pid, default_dir, teardown
 from lab.driver import command_code, event_code
 from lab.sandbox import REPO, daemon_binary, wait_until
@@ -301,97 +302,204 @@ def cmd_stop(args):
     print(f"bandherd of {args.node}: {state}")
 
 
+# -- scenarios ----------------------------------------------------------------------------
+
+def read_scenario(args, path):
+    """A scenario file, checked against the running lab's topology; fails with every problem."""
+    path = Path(path)
+    try:
+        raw = json.loads(path.read_text())
+    except OSError as e:
+        fail(f"cannot read {path}: {e.strerror}")
+    except json.JSONDecodeError as e:
+        fail(f"{path} is not JSON: {e}")
+    topo = None
+    if (Path(args.dir) / "topology.json").exists():
+        try:
+            topo = topo_mod.load(Path(args.dir) / "topology.json")
+        except topo_mod.TopologyError:
+            topo = None
+    try:
+        sc = scenario_mod.parse(raw, str(path), topo, base=path.parent)
+    except scenario_mod.ScenarioError as e:
+        fail(str(e))
+    return raw, sc
+
+
+def play(args, path, raw, sc, on_batch):
+    """Has the running lab's controller play a scenario and hands its timeline records to
+    `on_batch` (a list at a time) as they come; returns the summary. Ctrl-C ends it early."""
+    if controller_pid(args.dir) is None:
+        hint = f" {scenario_mod.topology_path(sc.topology, Path(path).parent) or sc.topology}" if sc.topology else ""
+        fail(f"no lab runs in {args.dir}; start one first: python3 -m lab up{hint}")
+    started = request(args, {"cmd": "scenario", "scenario": raw, "source": str(path),
+                             "base": str(Path(path).resolve().parent)})
+    tail = daemonlog.Tail(started["timeline"], from_start=True)
+    stop_sent = None
+    while True:
+        try:
+            recs = [json.loads(line) for line in tail.lines() if line.strip()]
+            summary = next((r for r in recs if r.get("kind") == "summary"), None)
+            on_batch([r for r in recs if r.get("kind") != "summary"])
+            if summary is not None:
+                return summary
+            if controller_pid(args.dir) is None:
+                fail("the lab's controller went away during the scenario")
+            if stop_sent is not None and time.monotonic() - stop_sent > 15:
+                fail("the scenario did not stop")
+            time.sleep(0.1)
+        except KeyboardInterrupt:
+            if stop_sent is not None:
+                raise
+            print("\n(stopping the scenario)", flush=True)
+            request(args, {"cmd": "scenario_stop"})
+            stop_sent = time.monotonic()
+
+
+def cmd_scenario(args):
+    raw, sc = read_scenario(args, args.file)
+
+    def show(recs):
+        for r in recs:
+            line = scenario_mod.describe(r, args.verbose)
+            if line is not None and not args.quiet:
+                print(line, flush=True)
+
+    summary = play(args, args.file, raw, sc, show)
+    print()
+    for line in scenario_mod.summary_lines(summary):
+        print(line)
+    print(f"timeline: {Path(args.dir) / scenario_mod.TIMELINE}")
+    return 1 if summary["failed"] else 0
+
+
 # -- demo ---------------------------------------------------------------------------------
+
+class ConvergenceTable:
+    """The demo's table: a row whenever a node's neighbour table (from its log) or the station
+    counts its heartbeat carries change."""
+
+    def __init__(self, topology):
+        self.view = scenario_mod.MeshView(topology)
+        self.nodes = topology.names()
+
+    def header(self):
+        top = "          " + "".join(f"{n:<13}" for n in self.nodes)
+        sub = "       t  " + "nbrs  sta    " * len(self.nodes) + "what changed"
+        return [top, sub]
+
+    def row(self, at, what):
+        cells = self.view.cells()
+        return f"{at:8.2f}  " + "".join(f"{cells[n][0]:<6}{cells[n][1]:<7}" for n in self.nodes) + what
+
+    def batch(self, recs):
+        """Lines for one batch of timeline records: the steps, and a row if anything changed."""
+        out, changes, at = [], [], None
+        for r in recs:
+            got = self.view.apply(r)
+            if r["kind"] == "start":
+                out.append(self.row(r["at"], "start"))
+            elif r["kind"] == "step":
+                out.append(f"{r['at']:8.2f}  | {scenario_mod.step_words(r)}")
+            elif r["kind"] == "event" and r.get("why") != "status":
+                if r.get("why") != "step":
+                    out.append(f"{r['at']:8.2f}  | {r['node']}'s driver: {r['event']} {r['station']} ({r['why']})")
+            if got:
+                changes += got
+                at = r["at"]
+        if changes:
+            out.append(self.row(at, " ".join(changes)))
+        return out
+
 
 def cmd_demo(args):
     binary = daemon_binary()
     if not binary.exists():
         fail(f"{binary} is not built: cmake -S . -B build -G Ninja && cmake --build build")
-    topology = REPO / "lab" / "topologies" / "two-node.json"
+    topology = REPO / "lab" / "topologies" / "three-node.json"
+    scenario_file = REPO / "lab" / "scenarios" / "arrivals.json"
     topo = topo_mod.load(topology)
-    a, b = topo.nodes[0], topo.nodes[1]
-    print(f"== a two-node mesh from {topology.relative_to(REPO)}, daemons at log level 6 (dump)")
-    start_background(args.dir, topology, True, ["bandherd.log_level=6"])
+    names = topo.names()
+    portal = topo.portal
+    wireless = [n for n in topo.nodes if n.backhaul]
+    wired = [n.name for n in topo.nodes if n is not portal and not n.backhaul]
+    started = time.monotonic()
+    print(f"== a three-node mesh from {topology.relative_to(REPO)}: {portal.name} is the portal, "
+          f"{', '.join(wired)} wired to it"
+          + "".join(f", {n.name} reaches {n.backhaul.uplink} over a wireless backhaul ({n.backhaul.ifname}, "
+                    f"{n.backhaul.rate} Mbit/s, {n.backhaul.hops} hop)" for n in wireless))
+    start_background(args.dir, topology, True, ["bandherd.log_level=5"])
     ok = True
     try:
-        states = wait_ready(args, [a.name, b.name], 20.0)
+        states = wait_ready(args, names, 20.0)
         show_nodes(request(args, {"cmd": "nodes"}))
-        for n in (a, b):
-            lines = [l for l in read_log(args, n.name) if re.search(READY, l)]
-            print(f"  {n.name}: {lines[0] if lines else 'NOT READY'}")
-            ok = ok and bool(states.get(n.name))
-        if not ok:
+        if not all(states.get(n) for n in names):
             print("\na daemon did not become ready; its log:")
-            for n in (a, b):
-                if not states.get(n.name):
-                    print("".join(f"  {n.name}| {l}\n" for l in read_log(args, n.name)[-15:]))
+            for n in names:
+                if not states.get(n):
+                    print("".join(f"  {n}| {line}\n" for line in read_log(args, n)[-15:]))
             return 1
 
-        print(f"\n== the nodes share a real network: ping from {b.name} to {a.name}")
-        r = subprocess.run(netns.enter_command(node_holder(args, b.name), os.geteuid() == 0, "/")
-                           + ["ping", "-c1", "-W2", a.address], capture_output=True, text=True)
-        print("  " + (r.stdout.splitlines()[1] if r.returncode == 0 else f"ping failed: {r.stdout}{r.stderr}"))
+        raw, sc = read_scenario(args, scenario_file)
+        print(f"\n== the scenario {scenario_file.relative_to(REPO)}: {sc.description}")
+        print("   nbrs: a node's neighbour table as its log reports it; sta: the stations on its "
+              f"{table_vaps(topo)} as its last heartbeat carried them\n"
+              "   (? before its first heartbeat); A+B: A learnt B, A-B: A lost B; A hb: A's heartbeat "
+              "carries new counts; heartbeats go out 5 s after start, then every 20 s\n")
+        table = ConvergenceTable(topo)
+        for line in table.header():
+            print(line)
 
-        print(f"\n== the lab's mesh daemon sends SAP_INFO to {b.name} (uplink {a.id}, 1 hop)")
-        rec = request(args, {"cmd": "send", "to": b.name, "type": "SAP_INFO",
-                             "body": {"mac": a.id, "hopcont": 1}})
-        print(f"  relay: {rec['sa']} -> {rec['da']} type {rec['type']}, {rec['size']} bytes, "
-              f"delivered to {rec['delivered'] or 'nobody'}"
-              + (f", not to {rec['undelivered']}" if rec["undelivered"] else ""))
-        seen = wait_until(lambda: any("SAP_INFO" in l for l in read_log(args, b.name))
-                          and any("hopcount" in l for l in read_log(args, b.name)), 5.0, 0.1)
-        print(f"  {b.name}'s log:")
-        for line in dispatch_lines(read_log(args, b.name)):
-            print(f"    {line}")
-        if not seen:
-            print(f"  {b.name}'s daemon did not log the message being dispatched")
+        def show(recs):
+            for line in table.batch(recs):
+                print(line, flush=True)
+
+        summary = play(args, scenario_file.relative_to(REPO), raw, sc, show)
+        final = {n: h[-1][1] for n, h in summary["world_counts"].items() if h}
+        cells = table.view.cells()
+        if table.view.converged(final):
+            print(f"\n== converged: every node lists the other {len(names) - 1}, and each last heartbeat "
+                  "carries the stations the scenario left: "
+                  + ", ".join(f"{n} {cells[n][1]}" for n in names))
+        else:
             ok = False
+            print("\n== NOT converged: the scenario left "
+                  + ", ".join(f"{n} {'/'.join(str(v) for v in final.get(n, {}).values())}" for n in names)
+                  + "; the table shows what the nodes report")
+        for line in scenario_mod.summary_lines(summary)[:1] + scenario_mod.summary_lines(summary)[-3:-1]:
+            print("   " + line)
 
         d = "" if args.dir == default_dir() else f" --dir {args.dir}"
         tries = [
-            ("nodes", "the nodes and their daemons"),
-            (f"log {b.name} -f", f"follow {b.name}'s daemon"),
-            (f"exec {a.name} ip -br link", f"a command inside node {a.name} (no command: a shell)"),
-            (f"sta {a.name} join 02:aa:00:00:00:01 --bss 1 --rssi -70", f"a station joins {a.name}'s BSS 1"),
-            (f"send {a.name} SAP_INFO '{{\"mac\": \"{b.id}\", \"hopcont\": 2}}'", f"a message to {a.name}"),
-            (f"relay partition {a.name} {b.name}", "the nodes stop hearing each other"),
+            ("scenario lab/scenarios/roam.json", "a phone joins B before leaving A: B announces it, A kicks it"),
+            ("scenario lab/scenarios/crash.json", "B is killed; A and C age it out (about 70 s), then it restarts"),
+            ("log C -f", "follow C's daemon (its uplink rate before each heartbeat)"),
+            ("sta A join 02:aa:00:00:00:01 --bss 1 --rssi -70", "a station joins A's BSS 1 by hand"),
+            ("relay partition A B,C", "A stops hearing B and C: watch them age each other out"),
+            ("exec C ip -s link show wl5g-sta", "inside node C: its backhaul's counters"),
             ("down", "tear it all down"),
         ]
-        print("\n== try next (with --keep, the lab stays up)")
+        print(f"\n== try next{'' if args.keep else ' (run the demo with --keep, or python3 -m lab up ' + str(topology.relative_to(REPO)) + ', first)'}")
         for cmd, what in tries:
             print(f"  python3 -m lab{d} {cmd}\n      {what}")
-        print(f"  records: {args.dir}/mesh.jsonl, {args.dir}/nodes/<name>/driver.jsonl")
+        print(f"  records: {args.dir}/timeline.jsonl, {args.dir}/mesh.jsonl, {args.dir}/nodes/<name>/driver.jsonl; "
+              "lab/README.md tells how to write scenarios")
     finally:
         if args.keep:
             print(f"\nthe lab keeps running in {args.dir}; `python3 -m lab down` ends it")
         else:
             print(f"\n== tearing down: {teardown(args.dir)}")
+        print(f"(the demo took {time.monotonic() - started:.0f} s)")
     return 0 if ok else 1
 
 
-def dispatch_lines(log):
-    """The lines of a log that show a SAP_INFO being received (with its JSON body) and handled."""
-    keep = set()
-    for i, line in enumerate(log):
-        if "type 'SAP_INFO'" in line:
-            keep.add(i)
-            for j in range(i + 1, len(log)):
-                keep.add(j)
-                if log[j].startswith("}"):
-                    break
-        elif re.search(r"UPLINK MAC|hopcount", line):
-            keep.add(i)
-    return [log[i] for i in sorted(keep)]
+def table_vaps(topo):
+    return "/".join(v.mib for v in topo.nodes[0].vaps)
 
 
 def read_log(args, name):
     path = Path(args.dir) / "nodes" / name / "bandherd.log"
     return path.read_text(errors="replace").splitlines() if path.exists() else []
-
-
-def node_holder(args, name):
-    ledger = netns.Ledger.read(args.dir)
-    return ledger.data["nodes"][name]["pid"]
 
 
 # -- parsing ----------------------------------------------------------------------------------
@@ -472,7 +580,12 @@ def parser():
     sp.add_argument("--signal", default="TERM")
     sp = add("messages", cmd_messages, "the mesh messages seen so far")
     sp.add_argument("--type")
-    sp = add("demo", cmd_demo, "a two-node mesh, both daemons ready, a message across the mesh")
+    sp = add("scenario", cmd_scenario, "play a scenario file against the running lab and print its timeline")
+    sp.add_argument("file", type=Path)
+    sp.add_argument("-v", "--verbose", action="store_true",
+                    help="also periodic status events, Wi-Fi queries and every log line at info level")
+    sp.add_argument("-q", "--quiet", action="store_true", help="only the summary")
+    sp = add("demo", cmd_demo, "a three-node mesh, a short scenario, neighbour tables and station counts converging")
     sp.add_argument("--keep", action="store_true", help="leave the lab running")
     return p
 

@@ -40,7 +40,7 @@ CONTROLLER_PID = "controller.pid"
 CONF_IN_NODE = "/var/bandherd.conf"
 # Files of a lab directory that `up` may replace; anything else makes it refuse.
 LAB_FILES = {"topology.json", CONTROL, CONTROLLER_PID, "mesh.jsonl", "nodes", netns.LEDGER,
-             "pids.tmp", "controller.log"}
+             "pids.tmp", "controller.log", "timeline.jsonl"}
 
 
 class LabError(RuntimeError):
@@ -113,6 +113,7 @@ class Lab:
         self.serving = False
         self._served = False
         self.stop_requested = threading.Event()
+        self.scenario = None        # the scenario Runner a control request started
         self._control = None
         self._control_thread = None
         self._lock = threading.Lock()
@@ -340,6 +341,9 @@ class Lab:
 
     def _down(self, grace):
         self.ready = False
+        if self.scenario is not None and self.scenario.running():
+            self.scenario.stop()
+            self.scenario.wait(10)
         running = [d for d in self.daemons.values() if d.returncode is None]
         for d in running:
             try:
@@ -486,6 +490,13 @@ class Lab:
             return exit_text(self.stop_daemon(req["node"], sig, req.get("timeout", 20.0)))
         if cmd == "messages":
             return self.relay.messages(**req.get("match", {}))
+        if cmd == "scenario":
+            return self.start_scenario(req["scenario"], req.get("source"), req.get("base"))
+        if cmd == "scenario_stop":
+            if self.scenario is None or not self.scenario.running():
+                return "no scenario runs"
+            self.scenario.stop()
+            return "stopping"
         if cmd == "records":
             return self.driver(req["node"]).records(**req.get("match", {}))
         if cmd == "down":
@@ -495,6 +506,17 @@ class Lab:
                 threading.Thread(target=self.down, daemon=True).start()
             return "going down"
         raise LabError(f"unknown command {cmd!r}")
+
+    def start_scenario(self, raw, source=None, base=None):
+        """Starts a scenario (a decoded scenario file) on a thread; its timeline grows in
+        <lab>/timeline.jsonl and ends with the summary. One runs at a time."""
+        from lab import scenario as scenario_mod      # it builds on this module
+        with self._lock:
+            if self.scenario is not None and self.scenario.running():
+                raise LabError(f"the scenario {self.scenario.sc.name} is still running")
+            sc = scenario_mod.parse(raw, source, self.topology, base)
+            self.scenario = scenario_mod.Runner(self, sc).start()
+        return {"timeline": str(self.scenario.path), "name": sc.name, "duration": sc.duration}
 
     def _relay_control(self, req):
         action = req.get("action", "faults")

@@ -51,6 +51,13 @@ class Journal:
             found = [r for r in self._records if all(r.get(k) == v for k, v in match.items())]
             return copy.deepcopy(found)
 
+    def since(self, index):
+        """Copies of the records added from position `index` on, and the position after them:
+        a reader that keeps the position sees each record once."""
+        with self._lock:
+            found = copy.deepcopy(self._records[index:])
+            return found, len(self._records)
+
     def clear(self):
         with self._lock:
             self._records.clear()

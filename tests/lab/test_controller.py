@@ -169,14 +169,22 @@ def test_up_in_the_background_then_down(lab_dir, tmp_path):
     assert "lab down" in (lab_dir / "controller.log").read_text()
 
 
-def test_demo_shows_two_ready_daemons_and_a_message_across_the_mesh(bandherd, lab_dir):
+def test_demo_shows_the_three_node_mesh_converge_on_its_scenarios_stations(bandherd, lab_dir):
     r = lab_cli(lab_dir, "demo")
     assert r.returncode == 0, r.stdout + r.stderr
     out = r.stdout
-    assert re.search(r"^  A: .*bandherd is ready\.$", out, re.M), out
-    assert re.search(r"^  B: .*bandherd is ready\.$", out, re.M), out
-    assert "delivered to ['B']" in out
-    assert re.search(r"UPLINK MAC 02:00:00:00:0a:00", out), out
+    assert re.search(r"^A +02:00:00:00:0a:00 +169\.254\.100\.1 +yes +\d+ +running$", out, re.M), out
+    # Rows of the table: time, then per node its neighbours and its heartbeat's counts (wlan0/wlan1).
+    rows = [line.split() for line in out.splitlines() if re.match(r"^ +\d+\.\d\d  [A-Z?-]", line)]
+    known = [row for row in rows if row[1:9] == ["B", "C", "0/0", "A", "C", "0/0", "A", "B"]]
+    assert known and 4 <= float(known[0][0]) <= 7, out
+    # The heartbeat near 20 s carries the four arrivals, the one near 40 s the two departures.
+    assert any(row[1:12] == ["B", "C", "1/1", "A", "C", "0/1", "A", "B", "1/0", "A", "hb"] for row in rows), out
+    assert "== converged: every node lists the other 2, and each last heartbeat carries the stations " \
+           "the scenario left: A 0/1, B 0/1, C 0/0" in out
+    assert "| phone joins A wlan1 (bss 2)" in out
+    assert "python3 -m lab --dir" in out and "scenario lab/scenarios/roam.json" in out
     assert "== tearing down" in out
+    assert json.loads((lab_dir / "timeline.jsonl").read_text().splitlines()[-1])["kind"] == "summary"
     assert [p for p in lab_dir.rglob("*") if p.is_socket()] == []
     assert not (lab_dir / "pids.json").exists()
