@@ -154,34 +154,7 @@ def _bits(value, names, what):
     raise ValueError(f"{what} must be a list of names ({', '.join(names)}) or a number")
 
 
-class _Checker:
-    def __init__(self):
-        self.problems = []
-
-    def err(self, where, text):
-        self.problems.append(f"{where}: {text}" if where else text)
-
-    def keys(self, obj, where, required, optional):
-        if not isinstance(obj, dict):
-            self.err(where, "must be an object")
-            return False
-        ok = True
-        for k in required:
-            if k not in obj:
-                self.err(where, f"'{k}' is missing")
-                ok = False
-        for k in obj:
-            if k not in required and k not in optional:
-                self.err(where, f"unknown key '{k}' (known: {', '.join(list(required) + list(optional))})")
-        return ok
-
-    def integer(self, obj, key, where, lo, hi):
-        v = obj.get(key)
-        if isinstance(v, bool) or not isinstance(v, int) or not lo <= v <= hi:
-            self.err(where, f"'{key}' must be an integer from {lo} to {hi}, not {v!r}")
-            return False
-        return True
-
+class _Checker(topo_mod.Checker):
     def topology_file(self, name, base):
         p = topology_path(name, base)
         if p is None:
@@ -194,7 +167,7 @@ class _Checker:
             return None
 
     def scenario(self, raw, topo):
-        if not self.keys(raw, "", *TOP_KEYS):
+        if not self.fields(raw, "", *TOP_KEYS):
             return Scenario(steps=[])
         sc = Scenario(steps=[], name=str(raw.get("name", "scenario")),
                       description=str(raw.get("description", "")), topology=raw.get("topology"))
@@ -239,7 +212,7 @@ class _Checker:
         where = f"station '{name}'"
         if not name or any(ch.isspace() for ch in name):
             self.err(where, "a station's name is one word")
-        if not self.keys(raw, where, *STATION_KEYS):
+        if not self.fields(raw, where, *STATION_KEYS):
             return None
         try:
             mac = mac_text(mac_bytes(str(raw["mac"]).lower()))
@@ -256,7 +229,7 @@ class _Checker:
                 except ValueError as e:
                     self.err(where, str(e))
         for key, lo, hi in (("nss", 1, 8), ("rssi", -127, 0), ("rate", 1, 100000), ("load", 0, 100)):
-            if key in raw and self.integer(raw, key, where, lo, hi):
+            if key in raw and self.is_integer(raw, key, where, lo, hi):
                 setattr(spec, key, raw[key])
         if "active" in raw:
             if isinstance(raw["active"], bool):
@@ -276,7 +249,7 @@ class _Checker:
             return None
         where = f"step #{i + 1} ({kind} at {raw.get('at')})"
         required, optional = STEPS[kind]
-        if not self.keys(raw, where, ["at", "do"] + required, optional + ["note"]):
+        if not self.fields(raw, where, ["at", "do"] + required, optional + ["note"]):
             return None
         if not _number(raw["at"]) or raw["at"] < 0:
             self.err(where, "'at' must be a number of seconds from 0")
@@ -303,7 +276,7 @@ class _Checker:
         for key, lo, hi in (("rssi", -127, 0), ("rate", 1, 100000), ("load", 0, 100), ("sta_num", 0, 255),
                             ("channel", 1, 233)):
             if key in raw:
-                self.integer(raw, key, where, lo, hi)
+                self.is_integer(raw, key, where, lo, hi)
         for key in ("leave_first", "active"):
             if key in raw and not isinstance(raw[key], bool):
                 self.err(where, f"'{key}' must be true or false")

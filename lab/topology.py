@@ -171,7 +171,9 @@ def parse(raw, source=None):
     return topo
 
 
-class _Parser:
+class Checker:
+    """Collects every problem of a document at once, each with where it is."""
+
     def __init__(self):
         self.problems = []
 
@@ -193,13 +195,20 @@ class _Parser:
                 self.err(where, f"unknown key '{k}' (known: {', '.join(list(required) + list(optional))})")
         return ok
 
-    def integer(self, obj, key, where, lo, hi, default=None):
+    def is_integer(self, obj, key, where, lo, hi, default=None):
         v = obj.get(key, default)
         if isinstance(v, bool) or not isinstance(v, int) or not lo <= v <= hi:
             self.err(where, f"'{key}' must be an integer from {lo} to {hi}, not {v!r}")
-            return default if default is not None else lo
-        return v
+            return False
+        return True
 
+    def integer(self, obj, key, where, lo, hi, default=None):
+        if not self.is_integer(obj, key, where, lo, hi, default):
+            return default if default is not None else lo
+        return obj.get(key, default)
+
+
+class _Parser(Checker):
     def mac(self, obj, key, where):
         v = obj.get(key)
         if not isinstance(v, str) or not _MAC.fullmatch(v.lower()):
