@@ -75,7 +75,7 @@ class ScenarioError(ValueError):
 
 
 @dataclass
-class StationSpec:
+class StationPlan:
     name: str
     mac: str
     bands: int = BANDS["2G"] | BANDS["5L"] | BANDS["5H"]
@@ -90,7 +90,7 @@ class StationSpec:
 @dataclass
 class Scenario:
     steps: list                         # step dicts in the order they run (by "at", then file order)
-    stations: dict = field(default_factory=dict)     # name -> StationSpec
+    stations: dict = field(default_factory=dict)     # name -> StationPlan
     name: str = "scenario"
     description: str = ""
     status_interval: float = 5.0
@@ -184,13 +184,13 @@ class _Checker(topo_mod.Checker):
             stations = {}
         macs = {}
         for name, s in stations.items():
-            spec = self.station(name, s)
-            if spec is None:
+            plan = self.station(name, s)
+            if plan is None:
                 continue
-            if spec.mac in macs:
-                self.err(f"station '{name}'", f"has the MAC {spec.mac} of station '{macs[spec.mac]}'")
-            macs.setdefault(spec.mac, name)
-            sc.stations[name] = spec
+            if plan.mac in macs:
+                self.err(f"station '{name}'", f"has the MAC {plan.mac} of station '{macs[plan.mac]}'")
+            macs.setdefault(plan.mac, name)
+            sc.stations[name] = plan
         steps = raw["steps"]
         if not isinstance(steps, list):
             self.err("", "'steps' must be a list")
@@ -221,22 +221,22 @@ class _Checker(topo_mod.Checker):
             return None
         if int(mac[:2], 16) & 1:
             self.err(where, f"'mac' {mac} is not a unicast address")
-        spec = StationSpec(name=name, mac=mac)
+        plan = StationPlan(name=name, mac=mac)
         for key, names in (("bands", BANDS), ("caps", CAPS)):
             if key in raw:
                 try:
-                    setattr(spec, key, _bits(raw[key], names, key))
+                    setattr(plan, key, _bits(raw[key], names, key))
                 except ValueError as e:
                     self.err(where, str(e))
         for key, lo, hi in (("nss", 1, 8), ("rssi", -127, 0), ("rate", 1, 100000), ("load", 0, 100)):
             if key in raw and self.is_integer(raw, key, where, lo, hi):
-                setattr(spec, key, raw[key])
+                setattr(plan, key, raw[key])
         if "active" in raw:
             if isinstance(raw["active"], bool):
-                spec.active = raw["active"]
+                plan.active = raw["active"]
             else:
                 self.err(where, "'active' must be true or false")
-        return spec
+        return plan
 
     def step(self, i, raw, sc, topo, stations):
         where = f"step #{i + 1}"
@@ -392,12 +392,12 @@ class StepError(RuntimeError):
 class Station:
     """A station of the running scenario: where it is associated, as its node's driver sees it."""
 
-    def __init__(self, spec):
-        self.spec = spec
-        self.name = spec.name
-        self.mac = spec.mac
-        self.rssi, self.rate, self.load, self.active = spec.rssi, spec.rate, spec.load, spec.active
-        self.bands = spec.bands
+    def __init__(self, plan):
+        self.plan = plan
+        self.name = plan.name
+        self.mac = plan.mac
+        self.rssi, self.rate, self.load, self.active = plan.rssi, plan.rate, plan.load, plan.active
+        self.bands = plan.bands
         self.on = None          # (node name, Vap, driver BSS index) while associated
         self.stale = {}         # node name -> (Vap, BSS index): left without the old node noticing
         self.next_status = None
@@ -503,7 +503,7 @@ class Runner:
         self.records = []
         self.summary = None
         self.view = MeshView(self.topology)
-        self.stations = {name: Station(spec) for name, spec in scenario.stations.items()}
+        self.stations = {name: Station(plan) for name, plan in scenario.stations.items()}
         self.world_history = {n.name: [] for n in self.topology.nodes}
         self._world = {}
         self._stop = threading.Event()
@@ -773,7 +773,7 @@ class Runner:
                    or st.stale.get(node, (None, None))[1] == index)
 
     def _sta_event(self, st, event, node, vap, index, why):
-        fields = dict(bands=st.bands, caps=st.spec.caps, rssi=st.rssi, nss=st.spec.nss, load=st.load,
+        fields = dict(bands=st.bands, caps=st.plan.caps, rssi=st.rssi, nss=st.plan.nss, load=st.load,
                       sta_num=self._count(node, index), active=st.active)
         rec = {"kind": "event", "mono": time.monotonic(), "node": node, "event": "STA_" + event.upper(),
                "station": st.name, "mac": st.mac, "bss": index, "vap": vap.mib if vap else None,
