@@ -521,18 +521,11 @@ class Lab:
     def _relay_control(self, req):
         action = req.get("action", "faults")
         r = self.relay
-        if action == "drop":
-            r.drop(req.get("types"))
-        elif action == "delay":
-            r.delay(req["seconds"], req.get("types"))
-        elif action == "partition":
-            r.partition(*req["groups"])
-        elif action == "heal":
-            r.heal()
-        elif action == "clear":
-            r.clear()
-        elif action != "faults":
-            raise LabError(f"unknown relay action {action!r}")
+        if action != "faults":
+            try:
+                r.apply(action, req.get("types"), req.get("seconds"), req.get("groups"))
+            except ValueError as e:
+                raise LabError(str(e)) from None
         return r.faults()
 
     # -- the background controller -------------------------------------------------

@@ -148,6 +148,21 @@ class Relay:
         """Ends every fault: no drops, no delay, no partition."""
         self._set(**self._no_faults())
 
+    def apply(self, action, types=None, seconds=None, groups=None):
+        """One fault action by name: drop, delay, partition, heal or clear."""
+        if action == "drop":
+            self.drop(types)
+        elif action == "delay":
+            self.delay(seconds, types)
+        elif action == "partition":
+            self.partition(*groups)
+        elif action == "heal":
+            self.heal()
+        elif action == "clear":
+            self.clear()
+        else:
+            raise ValueError(f"unknown relay action {action!r}")
+
     def _reachable(self, src, dst):
         groups = self._faults["groups"]
         if groups is None or src is None:

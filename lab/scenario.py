@@ -65,13 +65,10 @@ TOP_KEYS = (["steps"], ["name", "description", "topology", "stations", "status_i
                         "wait_for_mesh"])
 
 
-class ScenarioError(ValueError):
-    """A scenario that cannot run; the message lists every problem."""
+class ScenarioError(topo_mod.ProblemsError):
+    """A scenario that cannot run."""
 
-    def __init__(self, problems, source=None):
-        self.problems = list(problems)
-        head = f"bad scenario {source}" if source else "bad scenario"
-        super().__init__(head + ":\n" + "\n".join("  " + p for p in self.problems))
+    what = "scenario"
 
 
 @dataclass
@@ -949,19 +946,8 @@ class Runner:
         return {"pid": d.pid}
 
     def _do_relay(self, step):
-        r = self.lab.relay
-        action = step["action"]
-        if action == "drop":
-            r.drop(step.get("types"))
-        elif action == "delay":
-            r.delay(step["seconds"], step.get("types"))
-        elif action == "partition":
-            r.partition(*step["groups"])
-        elif action == "heal":
-            r.heal()
-        else:
-            r.clear()
-        return {"faults": r.faults()}
+        self.lab.relay.apply(step["action"], step.get("types"), step.get("seconds"), step.get("groups"))
+        return {"faults": self.lab.relay.faults()}
 
     def _do_send(self, step):
         self.lab.send(step.get("from"), step["to"], step["type"], step.get("body", {}))

@@ -42,13 +42,21 @@ _IFNAME = re.compile(r"[A-Za-z0-9_.-]{1,15}")
 _TOKEN = re.compile(r"\S{1,31}")
 
 
-class TopologyError(ValueError):
-    """A topology that the lab cannot build; the message lists every problem."""
+class ProblemsError(ValueError):
+    """A document the lab cannot use; the message lists every problem."""
+
+    what = "document"
 
     def __init__(self, problems, source=None):
         self.problems = list(problems)
-        head = f"bad topology {source}" if source else "bad topology"
+        head = f"bad {self.what} {source}" if source else f"bad {self.what}"
         super().__init__(head + ":\n" + "\n".join("  " + p for p in self.problems))
+
+
+class TopologyError(ProblemsError):
+    """A topology that the lab cannot build."""
+
+    what = "topology"
 
 
 @dataclass
