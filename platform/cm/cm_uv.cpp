@@ -58,6 +58,75 @@ void cm_timeout_fire(uv_timer_t *h)
     uv_close(reinterpret_cast<uv_handle_t *>(h), cm_free_handle);
 }
 
+// Time-outs of 0 run on the next loop pass, after the descriptors that are
+// readable by then: each waits for one poll of the loop after it was made.
+// The pass counter moves just before each poll; a check handle right after
+// the poll runs what was made before it, and an idle handle keeps the poll
+// from blocking while any wait.
+struct cm_soon {
+    cm_soon *next;
+    cm_timeout_cb cb;
+    void *data;
+    uint64_t pass;
+};
+
+uv_prepare_t s_pass_counter;
+uv_check_t s_soon_runner;
+uv_idle_t s_soon_waker;
+bool s_soon_ready;
+uint64_t s_pass;
+cm_soon *s_soon_head;
+cm_soon **s_soon_tail = &s_soon_head;
+
+void cm_soon_count_pass(uv_prepare_t *)
+{
+    s_pass++;
+}
+
+void cm_soon_nothing(uv_idle_t *)
+{
+}
+
+void cm_soon_run(uv_check_t *)
+{
+    uint64_t pass = s_pass;
+    while (s_soon_head && s_soon_head->pass < pass) {
+        cm_soon *soon = s_soon_head;
+        s_soon_head = soon->next;
+        if (!s_soon_head)
+            s_soon_tail = &s_soon_head;
+        soon->cb(soon->data);
+        free(soon);
+    }
+    if (!s_soon_head) {
+        uv_check_stop(&s_soon_runner);
+        uv_idle_stop(&s_soon_waker);
+    }
+}
+
+int cm_soon_add(cm_timeout_cb cb, void *data)
+{
+    if (!s_soon_ready) {
+        uv_prepare_init(cm_loop(), &s_pass_counter);
+        uv_prepare_start(&s_pass_counter, cm_soon_count_pass);
+        uv_unref(reinterpret_cast<uv_handle_t *>(&s_pass_counter));
+        uv_check_init(cm_loop(), &s_soon_runner);
+        uv_idle_init(cm_loop(), &s_soon_waker);
+        s_soon_ready = true;
+    }
+    auto *soon = static_cast<cm_soon *>(calloc(1, sizeof(cm_soon)));
+    if (!soon)
+        cm_abort("cm: out of memory");
+    soon->cb = cb;
+    soon->data = data;
+    soon->pass = s_pass;
+    *s_soon_tail = soon;
+    s_soon_tail = &soon->next;
+    uv_check_start(&s_soon_runner, cm_soon_run);
+    uv_idle_start(&s_soon_waker, cm_soon_nothing);
+    return 0;
+}
+
 void cm_poll_fire(uv_poll_t *h, int status, int events)
 {
     auto *poll = static_cast<cm_poll *>(h->data);
@@ -124,6 +193,9 @@ int cm_timer_start(struct cm_timer *timer, double seconds, cm_timer_cb cb)
     timer->impl = h;
     timer->cb = cb;
     uint64_t ms = cm_ms(seconds);
+    // libuv counts from the time it cached at the top of the loop pass: a
+    // timer is due `seconds` after this call, however long the pass has run.
+    uv_update_time(cm_loop());
     return uv_timer_start(h, cm_timer_fire, ms, ms ? ms : 1) == 0 ? 0 : -1;
 }
 
@@ -139,11 +211,15 @@ void cm_timer_stop(struct cm_timer *timer)
 
 int cm_timeout(double seconds, cm_timeout_cb cb, void *data)
 {
+    uint64_t ms = cm_ms(seconds);
+    if (ms == 0)
+        return cm_soon_add(cb, data);
     auto *rec = cm_new_handle<cm_timeout_rec>();
     uv_timer_init(cm_loop(), &rec->handle);
     rec->cb = cb;
     rec->data = data;
-    return uv_timer_start(&rec->handle, cm_timeout_fire, cm_ms(seconds), 0) == 0 ? 0 : -1;
+    uv_update_time(cm_loop());
+    return uv_timer_start(&rec->handle, cm_timeout_fire, ms, 0) == 0 ? 0 : -1;
 }
 
 int cm_poll_start(struct cm_poll *poll, int fd, int events, cm_poll_cb cb)

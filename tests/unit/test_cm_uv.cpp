@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cstddef>
+#include <ctime>
 #include <string>
 
 #include "cm.h"
@@ -56,6 +58,101 @@ TEST(CmUv, TimeoutZeroRunsOnTheNextPassBeforeTimers)
     cm_timeout(0.05, stop_loop, nullptr);
     cm_run();
     EXPECT_EQ(trace, "0T");
+}
+
+// A time-out of 0 made inside a timer callback waits for the loop's next
+// poll: a descriptor that became readable meanwhile is served first.
+struct soon_case {
+    cm_timer timer{};
+    cm_poll poll{};
+    int fds[2] = {-1, -1};
+    std::string trace;
+};
+
+void soon_readable(cm_poll *p, int, int)
+{
+    auto *c = reinterpret_cast<soon_case *>(reinterpret_cast<char *>(p) - offsetof(soon_case, poll));
+    c->trace += "P";
+    cm_poll_stop(p);
+}
+
+void soon_note(void *data)
+{
+    auto *c = static_cast<soon_case *>(data);
+    c->trace += "0";
+    cm_stop();
+}
+
+void soon_from_timer(cm_timer *t)
+{
+    auto *c = reinterpret_cast<soon_case *>(t);
+    cm_timer_stop(t);
+    cm_poll_start(&c->poll, c->fds[0], CM_POLL_READ, soon_readable);
+    ASSERT_EQ(write(c->fds[1], "x", 1), 1);
+    cm_timeout(0, soon_note, c);
+}
+
+TEST(CmUv, TimeoutZeroFromATimerRunsAfterReadableDescriptors)
+{
+    cm_init();
+    soon_case c;
+    ASSERT_EQ(pipe(c.fds), 0);
+    cm_timer_start(&c.timer, 0.001, soon_from_timer);
+    cm_run();
+    EXPECT_EQ(c.trace, "P0");
+    close(c.fds[0]);
+    close(c.fds[1]);
+}
+
+// Timers and time-outs count from the call, not from the loop pass's start.
+double now_s()
+{
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return (double)ts.tv_sec + (double)ts.tv_nsec / 1e9;
+}
+
+struct since {
+    cm_timer timer{};
+    double start = 0;
+    double timer_after = -1;
+    double timeout_after = -1;
+};
+
+void since_timer(cm_timer *t)
+{
+    auto *s = reinterpret_cast<since *>(t);
+    s->timer_after = now_s() - s->start;
+    cm_timer_stop(t);
+    if (s->timeout_after >= 0)
+        cm_stop();
+}
+
+void since_timeout(void *data)
+{
+    auto *s = static_cast<since *>(data);
+    s->timeout_after = now_s() - s->start;
+    if (s->timer_after >= 0)
+        cm_stop();
+}
+
+void start_late(void *data)
+{
+    auto *s = static_cast<since *>(data);
+    usleep(400000);  // a slow callback: the loop's cached time is now 0.4 s old
+    s->start = now_s();
+    cm_timer_start(&s->timer, 0.3, since_timer);
+    cm_timeout(0.3, since_timeout, s);
+}
+
+TEST(CmUv, TimersCountFromTheCallEvenLateInALoopPass)
+{
+    cm_init();
+    since s;
+    cm_timeout(0, start_late, &s);
+    cm_run();
+    EXPECT_GE(s.timer_after, 0.29);
+    EXPECT_GE(s.timeout_after, 0.29);
 }
 
 TEST(CmUv, StoppedRecordCanBeFreedAtOnce)
