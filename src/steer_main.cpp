@@ -1,8 +1,10 @@
 // Start-up and shutdown: prepare the process, start every module in a fixed
 // order, run the loop; every end goes through exit_handler.
+#include <fcntl.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 
 #include "steer.h"
@@ -22,6 +24,13 @@ namespace {
 constexpr const char *PID_FILE = "/var/run/bandherd.pid";
 constexpr const char *STEER_LOG_FILE = "/var/run/steer.log";
 constexpr int RESTART_DELAY = 15;
+
+// Signals from outside (SIGINT, SIGTERM, SIGRTMIN + 1) only leave their
+// number in this pipe; the loop reads it and runs the exit, so the exit never
+// runs inside code the signal interrupted (a log line holding the C library's
+// time-zone lock, say). SIGABRT comes from the daemon itself and exits at once.
+int s_signal_pipe[2] = {-1, -1};
+sev_poll_t *s_signal_poll;
 
 void init_coredump()
 {
@@ -96,9 +105,52 @@ void steer_exit()
         s_modules[i].exit();
 }
 
+void exit_handler(int sig);
+
+void signal_pipe_open()
+{
+    if (pipe(s_signal_pipe) != 0)
+        return;
+    for (int fd : s_signal_pipe) {
+        fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
+        fcntl(fd, F_SETFD, FD_CLOEXEC);
+    }
+}
+
+void signal_arrived(int fd, int, void *)
+{
+    unsigned char sig;
+    if (read(fd, &sig, 1) == 1)
+        exit_handler(sig);
+}
+
+// Signals that came while the modules started are served by the loop's first pass.
+void signal_watch()
+{
+    if (s_signal_pipe[0] >= 0)
+        s_signal_poll = sev_new_poll(s_signal_pipe[0], SEV_READ, signal_arrived, nullptr);
+}
+
+bool signal_note(int sig)
+{
+    if (sig == SIGABRT || s_signal_pipe[1] < 0)
+        return false;
+    int saved = errno;
+    unsigned char b = (unsigned char)sig;
+    ssize_t n = write(s_signal_pipe[1], &b, 1);
+    errno = saved;
+    return n == 1;
+}
+
+// The exit sequence: every module stopped in reverse order, then the process ends.
 void exit_handler(int sig)
 {
     int status = 0;
+
+    if (s_signal_poll) {
+        sev_del_poll(s_signal_poll);
+        s_signal_poll = nullptr;
+    }
 
     if (sig == SIGABRT)
         LOG_INFO("%s:%d, clean before exit");
@@ -110,7 +162,8 @@ void exit_handler(int sig)
     if (sig == SIGABRT || sig == SIGRTMIN + 1) {
         fprintf(stderr, "\033[0;31mbandherd will exit after %d seconds!!!\033[0m\n", RESTART_DELAY);
         sdel_pidfile(PID_FILE);
-        sleep(RESTART_DELAY);
+        for (unsigned left = RESTART_DELAY; left > 0;)
+            left = sleep(left);  // a signal noted meanwhile does not shorten the pause
         status = 1;
     } else {
         sdel_pidfile(PID_FILE);
@@ -118,6 +171,13 @@ void exit_handler(int sig)
     fprintf(stderr, "\033[0;31mbandherd: exited.\033[0m\n");
     remove(STEER_LOG_FILE);
     exit(status);
+}
+
+// The handler of the four signals.
+void exit_signal(int sig)
+{
+    if (!signal_note(sig))
+        exit_handler(sig);
 }
 
 }  // namespace
@@ -128,10 +188,11 @@ int main(int argc, char **argv)
     sadd_pidfile(PID_FILE);
     check_arg(argc, argv);
 
-    signal(SIGABRT, exit_handler);
-    signal(SIGINT, exit_handler);
-    signal(SIGTERM, exit_handler);
-    signal(SIGRTMIN + 1, exit_handler);
+    signal_pipe_open();
+    signal(SIGABRT, exit_signal);
+    signal(SIGINT, exit_signal);
+    signal(SIGTERM, exit_signal);
+    signal(SIGRTMIN + 1, exit_signal);
 
     init_log();
 
@@ -141,6 +202,7 @@ int main(int argc, char **argv)
     }
 
     steer_init();
+    signal_watch();
     LOG_INFO("%s:%d, bandherd is ready.\n%s\n", g_steer_version);
     sev_run();
     return 0;

@@ -9,6 +9,7 @@ import shutil
 import signal
 import subprocess
 import tempfile
+import threading
 from contextlib import contextmanager
 
 import pytest
@@ -23,6 +24,7 @@ EXITED = f"{RED}bandherd: exited.{RESET}\n"
 DELAY = f"{RED}bandherd will exit after 15 seconds!!!{RESET}\n"
 ENABLED = {"bandherd.enable": 1, "bandherd.log_time": 0}
 TOPOLOGY = REPO / "lab" / "topologies" / "two-node.json"
+TERM_RUNS = 200
 
 
 class Node:
@@ -150,3 +152,41 @@ def test_log_path_and_time_prefix_settings(bandherd, node, log_time, prefixed):
     assert re.search(rf"^{stamp}warning exit_handler:\d+, receive signal 15$", text, re.M), text
     # Nothing went to standard output once the log moved to the file.
     assert d.out() == ""
+
+
+def test_sigterm_ends_a_daemon_busy_logging_every_time(bandherd, node):
+    """The exit never runs inside an interrupted log line: a daemon flooded with
+    station events, logging each at dump level with the time prefix, always
+    ends within a second of SIGTERM, with status 0."""
+    from lab.driver import EV, netlink_message, sta_payload
+    events = [netlink_message(EV["STA_STATUS"], sta_payload(f"02:5e:00:00:00:{i:02x}", 1, rssi=-40 - i))
+              for i in range(64)]
+    target = str(node.var.path("/var/run/maps/nl-3333"))
+    sender = node.lab.driver("A").nl  # the driver's own endpoint, as the events' sender
+    stop = threading.Event()
+
+    def flood():
+        while not stop.is_set():
+            for msg in events:
+                try:
+                    sender.sendto(msg, target)
+                except OSError:
+                    break  # no daemon yet, or its queue is full
+    threading.Thread(target=flood, daemon=True).start()
+    try:
+        for run in range(TERM_RUNS):
+            log = node.var.path(f"/var/run/busy{run}.log")
+            d = node.daemon([bandherd], {"bandherd.enable": 1, "bandherd.log_level": 6, "bandherd.log_size": 0,
+                                         "bandherd.log_path": f"/var/run/busy{run}.log"})
+            assert wait_until(lambda: log.exists() and "bandherd is ready." in log.read_text(errors="replace"))
+            assert wait_until(lambda: "last rssi" in log.read_text(errors="replace")), "the daemon is not busy"
+            d.signal(signal.SIGTERM)
+            try:
+                status = d.wait(1)
+            except subprocess.TimeoutExpired:
+                d.kill()
+                pytest.fail(f"run {run}: the daemon still ran a second after SIGTERM")
+            assert status == 0, f"run {run}: exit status {status}"
+            log.unlink()
+    finally:
+        stop.set()
