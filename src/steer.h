@@ -64,7 +64,19 @@ constexpr bool slog_fmt_has_prefix(const char *fmt)
 #define LOG_INFO(fmt, ...) SLOG(SLOG_INFO, fmt, ##__VA_ARGS__)
 #define LOG_DEBUG(fmt, ...) SLOG(SLOG_DEBUG, fmt, ##__VA_ARGS__)
 #define LOG_DUMP(fmt, ...) SLOG(SLOG_DUMP, fmt, ##__VA_ARGS__)
-#define LOG_STEER(fmt, ...) SLOG(SLOG_STEER, fmt, ##__VA_ARGS__)
+// A steering record is written whatever the module's level: no level can be
+// set to steer, and the steering log is the trace of every decision.
+#define LOG_STEER(fmt, ...)                                                          \
+    do {                                                                            \
+        static_assert(slog_fmt_has_prefix(fmt), "log formats begin with %s:%d, "); \
+        slog_log(SLOG_STEER, fmt, __func__, __LINE__, ##__VA_ARGS__);               \
+    } while (0)
+
+// Input from the driver, the mesh or the operator that breaks a state the code
+// relies on. Such input must never abort the daemon: the broken condition is
+// logged at ERROR in the assertion's words and the caller drops the input.
+// True when the input is to be dropped:  if (SREFUSE(size)) return;
+#define SREFUSE(expr) (!(expr) && slog_refuse(*_s_plogger, __func__, __LINE__, #expr))
 
 // ---------------------------------------------------------------------------
 // The daemon's clock: whole seconds of the monotonic clock, refreshed every
@@ -103,10 +115,15 @@ inline void mac_copy(uint8_t *dst, const uint8_t *src)
     memcpy(dst, src, MAC_LEN);
 }
 
-// Parses "xx:xx:xx:xx:xx:xx"; returns 0, or -1 when fewer than six fields scan.
+// Parses "xx:xx:xx:xx:xx:xx" into `mac`; returns 0, or -1 when fewer than six
+// fields scan, leaving `mac` as it was.
 inline int mac_scan(const char *text, uint8_t *mac)
 {
-    return sscanf(text, MAC_SCAN_FMT, MAC_SCAN_ARG(mac)) == 6 ? 0 : -1;
+    uint8_t tmp[MAC_LEN];
+    if (sscanf(text, MAC_SCAN_FMT, MAC_SCAN_ARG(tmp)) != 6)
+        return -1;
+    mac_copy(mac, tmp);
+    return 0;
 }
 
 // ---------------------------------------------------------------------------

@@ -226,8 +226,9 @@ void sap_setup_bss()
         for (sap_bss_t &bss : ess.bss) {
             if (bss.bss_index == 0)
                 continue;
-            SASSERT(bss.radio);
-            radios |= 1u << bss.radio->radio_index;
+            sap_radio_t *radio = bss.radio;
+            SASSERT(radio);
+            radios |= 1u << radio->radio_index;
         }
         LOG_DUMP("%s:%d, ESS '%s' use radios 0x%x", ess.essid, radios);
 
@@ -251,6 +252,12 @@ void sap_setup_bss()
     }
 }
 
+// One band, or both halves of 5 GHz.
+bool sap_is_band(uint32_t band)
+{
+    return band == MAPS_2G || band == MAPS_6G || (band != 0 && (band & ~(uint32_t)(MAPS_5L | MAPS_5H)) == 0);
+}
+
 void sap_radio_handler(uint8_t, void *data, uint32_t size)
 {
     if (size != sizeof(maps_msg_radio_t)) {
@@ -266,6 +273,17 @@ void sap_radio_handler(uint8_t, void *data, uint32_t size)
     LOG_DUMP("%s:%d, radio%u, channel: %u, load: %u%%, work_band: 0x%x", msg.radio_index, msg.channel, msg.load,
              msg.work_band);
     sap_radio_t *radio = &g_self.radios[msg.radio_index];
+    // The steering decisions rely on every radio in use having a channel and
+    // a band: a status that would break that is dropped.
+    if (radio->channel == 0) {
+        LOG_ERROR("%s:%d, radio%u is not in use, status dropped", msg.radio_index);
+        return;
+    }
+    if (msg.channel == 0 || !sap_is_band(msg.work_band)) {
+        LOG_ERROR("%s:%d, radio%u reports channel %u band 0x%x, status dropped", msg.radio_index, msg.channel,
+                  msg.work_band);
+        return;
+    }
     if (radio->channel != msg.channel)
         LOG_DEBUG("%s:%d, channel of radio%d change from %d to %d", msg.radio_index, radio->channel, msg.channel);
     radio->work_band = msg.work_band;

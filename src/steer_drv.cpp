@@ -38,8 +38,24 @@ bool sdrv_find_vap(const char *ifname, void *)
     if (!sven_is_vap(ifname, name))
         return false;
     snprintf(s_default_if, sizeof(s_default_if), "%s", name);
-    LOG_INFO("%s:%d, use default interface name %s", s_default_if);
     return true;
+}
+
+// A record for a code that is already taken: it is allocated all the same and
+// kept for the whole run, as registrations always were.
+__attribute__((noinline)) sdrv_reg *sdrv_new_refused_reg()
+{
+    auto *reg = static_cast<sdrv_reg *>(calloc(1, sizeof(sdrv_reg)));
+    __asm__ volatile("" : : "r"(reg) : "memory");  // keeps this frame in the allocation's stack
+    return reg;
+}
+
+bool sdrv_registered(uint8_t event)
+{
+    for (sdrv_reg *pos : s_ev_regs)
+        if (pos->event == event)
+            return true;
+    return false;
 }
 
 void sdrv_ioct_test()
@@ -73,11 +89,12 @@ void sdrv_pong_timeout(void *)
     abort();
 }
 
+// A pong that no ping waits for, or one without a version, is dropped.
 void sdrv_pong_handler(uint8_t, void *version, uint32_t size)
 {
     SASSERT(version);
-    SASSERT(size);
-    SASSERT(s_ping_timer);
+    if (SREFUSE(size) || SREFUSE(s_ping_timer))
+        return;
 
     sev_del_timer(s_ping_timer);
     s_ping_timer = nullptr;
@@ -101,6 +118,7 @@ void sdrv_init()
         LOG_FATAL("%s:%d, can't find any VAP");
         abort();
     }
+    LOG_INFO("%s:%d, use default interface name %s", s_default_if);
     sdrv_ioct_test();
     sdrv_init_nl();
     s_poll = sev_new_poll(s_sock, SEV_READ, sdrv_read, nullptr);
@@ -120,6 +138,14 @@ void sdrv_exit()
         s_init_finished = false;
         sdrv_ioctl(MAPS_CMD_CLEAN, nullptr, 0, nullptr);
     }
+    if (s_ping_timer) {
+        sev_del_timer(s_ping_timer);
+        s_ping_timer = nullptr;
+    }
+    for (sdrv_reg *reg : s_ev_regs) {
+        decltype(s_ev_regs)::del(reg);
+        free(reg);
+    }
     if (s_poll) {
         sev_del_poll(s_poll);
         s_poll = nullptr;
@@ -134,13 +160,12 @@ void sdrv_exit()
 void sdrv_register_event(maps_ev_e event, sdrv_event_cb cb)
 {
     SASSERT(cb);
-    auto *reg = static_cast<sdrv_reg *>(calloc(1, sizeof(sdrv_reg)));
+    bool taken = sdrv_registered(event);
+    auto *reg = taken ? sdrv_new_refused_reg() : static_cast<sdrv_reg *>(calloc(1, sizeof(sdrv_reg)));
     SASSERT(reg);
-    for (sdrv_reg *pos : s_ev_regs) {
-        if (pos->event == event) {
-            LOG_ERROR("%s:%d, event %d is already regitered", event);
-            return;  // the record stays allocated
-        }
+    if (taken) {
+        LOG_ERROR("%s:%d, event %d is already regitered", event);
+        return;  // the record stays allocated
     }
     reg->event = event;
     reg->cb = cb;

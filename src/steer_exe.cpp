@@ -10,15 +10,24 @@ namespace {
 
 constexpr int SEXE_CMD_SIZE = 512;
 
-// Formats the command; false (logged) when it does not fit.
+// Formats the command; false when it does not fit (the caller says so, under its own name).
 bool sexe_format(char *cmd, const char *cmd_fmt, va_list ap)
 {
     int n = vsnprintf(cmd, SEXE_CMD_SIZE, cmd_fmt, ap);
-    if (n >= 0 && n < SEXE_CMD_SIZE)
-        return true;
-    LOG_ERROR("%s:%d, command too long(>%d), fmt '%s'", SEXE_CMD_SIZE - 1, cmd_fmt);
-    return false;
+    return n >= 0 && n < SEXE_CMD_SIZE;
 }
+
+#define SEXE_FORMAT(cmd, cmd_fmt)                                                               \
+    do {                                                                                        \
+        va_list ap;                                                                             \
+        va_start(ap, cmd_fmt);                                                                  \
+        bool fits = sexe_format(cmd, cmd_fmt, ap);                                              \
+        va_end(ap);                                                                             \
+        if (!fits) {                                                                            \
+            LOG_ERROR("%s:%d, command too long(>%d), fmt '%s'", SEXE_CMD_SIZE - 1, cmd_fmt);     \
+            return -1;                                                                          \
+        }                                                                                       \
+    } while (0)
 
 }  // namespace
 
@@ -27,12 +36,7 @@ int sexe_no_out(const char *cmd_fmt, ...)
     SASSERT(cmd_fmt);
 
     char cmd[SEXE_CMD_SIZE];
-    va_list ap;
-    va_start(ap, cmd_fmt);
-    bool ok = sexe_format(cmd, cmd_fmt, ap);
-    va_end(ap);
-    if (!ok)
-        return -1;
+    SEXE_FORMAT(cmd, cmd_fmt);
 
     int status = system(cmd);
     if (status == -1 || ((status >> 8) & 0xff) != 0 || (status & 0x7f) != 0) {
@@ -50,12 +54,7 @@ int sexe_output(char *output, size_t output_size, const char *cmd_fmt, ...)
     SASSERT(cmd_fmt);
 
     char cmd[SEXE_CMD_SIZE];
-    va_list ap;
-    va_start(ap, cmd_fmt);
-    bool ok = sexe_format(cmd, cmd_fmt, ap);
-    va_end(ap);
-    if (!ok)
-        return -1;
+    SEXE_FORMAT(cmd, cmd_fmt);
 
     FILE *fp = popen(cmd, "r");
     if (!fp) {

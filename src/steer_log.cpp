@@ -14,9 +14,9 @@ int g_logger = SLOG_INFO;
 namespace {
 
 struct slog_reg {
+    slist_link list;
     int *plogger;
     const char *name;  // a literal that lives for the whole run
-    slist_link list;
 };
 
 constexpr const char *STEER_LOG_FILE = "/var/run/steer.log";
@@ -159,6 +159,13 @@ void slog_log(int level, const char *fmt, ...)
     } else {
         fputc('\n', s_output);
     }
+}
+
+bool slog_refuse(int level, const char *func, int line, const char *expr)
+{
+    if (level >= SLOG_ERROR)
+        slog_log(SLOG_ERROR, "%s:%d, '%s' is not satisfied", func, line, expr);
+    return true;
 }
 
 void slog_register_logger(int *plogger, const char *name)

@@ -30,5 +30,8 @@ int slog_set_print_time(bool print_time);
 int slog_set_path(const char *path);
 int slog_file(const char *file, const char *fmt, va_list ap) __attribute__((format(printf, 2, 0)));
 const char *slog_get_level_name(int level);
+// Logs "'<expr>' is not satisfied" at ERROR (when `level` lets errors through)
+// under `func` and `line`; returns true.
+bool slog_refuse(int level, const char *func, int line, const char *expr);
 
 #endif

@@ -44,6 +44,10 @@ void smsg_init()
 void smsg_exit()
 {
     scom_exit();
+    for (smsg_reg_t *reg : s_msg_regs) {
+        decltype(s_msg_regs)::del(reg);
+        free(reg);
+    }
 }
 
 void smsg_register(const char *type, smsg_handler_t cb)

@@ -4,6 +4,7 @@
 #include "steer_conf.h"
 #include "steer_ev.h"
 #include "steer_exe.h"
+#include "steer_if.h"
 #include "steer_msg.h"
 #include "steer_rate.h"
 #include "steer_ven.h"
@@ -41,8 +42,11 @@ void snei_del(sap_node_t *node)
 void snei_backhaul_setup()
 {
     sconf_get_str_def("bandherd.backhaul", s_backhaul_if, sizeof(s_backhaul_if), "");
+    // The default portal is this node itself, by the address of its bridge.
+    uint8_t br0[MAC_LEN] = {};
+    sif_get_mac("br0", br0);
     char def[18];
-    snprintf(def, sizeof(def), MAC_FMT, MAC_ARG(g_self.node_id));
+    snprintf(def, sizeof(def), MAC_FMT, MAC_ARG(br0));
     char text[18];
     sconf_get_str_def("bandherd.mppmac", text, sizeof(text), def);
     if (mac_scan(text, s_mppmac) != 0) {
@@ -120,8 +124,16 @@ void snei_update_rate()
         LOG_INFO("%s:%d, can't find neighbor who has mac " MAC_FMT, MAC_ARG(uplink));
         return;
     }
+    // The rate to the portal divides estimates later: a neighbour without a
+    // rate of its own leaves this node's rate as it was.
+    int shared = srate_share_media_rate(rate, up->link_rate2mpp);
+    if (shared <= 0) {
+        LOG_INFO("%s:%d, no rate through " MAC_FMT ", keep link_rate2mpp %d", MAC_ARG(up->node_id),
+                 g_self.link_rate2mpp);
+        return;
+    }
     g_self.hop = hop;
-    g_self.link_rate2mpp = srate_share_media_rate(rate, up->link_rate2mpp);
+    g_self.link_rate2mpp = shared;
     LOG_DUMP("%s:%d, link rate: %d, upstream rate: %d, backhaul load: %d. update link_rate2mpp to %d, hop to %d", rate,
              up->link_rate2mpp, s_backhaul_radio->load, g_self.link_rate2mpp, g_self.hop);
 }
@@ -209,7 +221,7 @@ sap_node_t *snei_new(const uint8_t *id)
 // What reading one list of a heartbeat came to.
 enum snei_result {
     SNEI_OK,
-    SNEI_MISSING,  // no such list: nothing more is read, the record stays
+    SNEI_MISSING,  // no ESS list: nothing more is read, the record stays
     SNEI_BAD,      // the record goes
 };
 
@@ -249,7 +261,7 @@ snei_result snei_resolve_radio(sap_node_t *node, smsg_dict_t *root)
 {
     smsg_list_iter_t iter;
     if (!smsg_list_iter(root, "radio", &iter))
-        return SNEI_MISSING;
+        return SNEI_BAD;
     int n = 0;
     for (smsg_dict_t *item; (item = smsg_list_next(&iter)) != nullptr;) {
         n++;
@@ -276,7 +288,7 @@ snei_result snei_resolve_bss(sap_node_t *node, smsg_dict_t *root)
 {
     smsg_list_iter_t iter;
     if (!smsg_list_iter(root, "bss", &iter))
-        return SNEI_MISSING;
+        return SNEI_BAD;
     int n = 0;
     for (smsg_dict_t *item; (item = smsg_list_next(&iter)) != nullptr;) {
         n++;

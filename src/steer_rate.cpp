@@ -1,5 +1,7 @@
 #include "steer_rate.h"
 
+#include <algorithm>
+#include <climits>
 #include <cmath>
 
 #include "maps.h"
@@ -57,9 +59,23 @@ bool srate_is_5g(uint32_t band)
     return (band & (MAPS_5L | MAPS_5H)) != 0;
 }
 
+// Rounds half away from zero; values beyond int's range stay at its ends and
+// a value that is no number (from a wild configured equation) is 0.
 int srate_round(double y)
 {
-    return (int)(y >= 0 ? y + 0.5 : y - 0.5);
+    if (std::isnan(y))
+        return 0;
+    y = y >= 0 ? y + 0.5 : y - 0.5;
+    if (y >= (double)INT_MAX)
+        return INT_MAX;
+    if (y <= (double)INT_MIN)
+        return INT_MIN;
+    return (int)y;
+}
+
+int srate_clamp(int64_t v)
+{
+    return (int)std::clamp<int64_t>(v, INT_MIN, INT_MAX);
 }
 
 // Numbers separated by commas, into `array`; the count, or -1 (logged).
@@ -87,13 +103,18 @@ int srate_get_float_array(double *array, char *text, int max_count)
     }
 }
 
+// Each hop takes its ratio off the rate. A ratio of 100 or more leaves
+// nothing; the rate only shrinks, so the loop ends once it reaches 0,
+// whatever hop count a heartbeat claims.
 int srate_rd_ratio_cal(const sap_node_t *node, int rate)
 {
     if (node->is_mpp || node->hop <= 0 || s_rate_rd_ratio <= 0)
         return rate;
-    for (int i = 0; i < node->hop; i++)
-        rate = rate * (100 - s_rate_rd_ratio) / 100;
-    return rate;
+    int64_t keep = 100 - std::min(s_rate_rd_ratio, 100);
+    int64_t r = rate;
+    for (int i = 0; i < node->hop && r != 0; i++)
+        r = r * keep / 100;
+    return (int)r;
 }
 
 }  // namespace
@@ -269,7 +290,7 @@ int srate_get_rate_rssi(ssta_status_t *sta, sap_radio_t *radio, int8_t rssi)
     } else {
         eq = sta->streams < 2 ? s_eq_rate_1xn : s_eq_rate_2xn;
     }
-    return srate_calculate(eq, rssi) * s_rate_factor / 100;
+    return (int)((int64_t)srate_calculate(eq, rssi) * s_rate_factor / 100);
 }
 
 int srate_get_sta_max_rate(ssta_status_t *sta, sap_radio_t *radio)
@@ -320,11 +341,13 @@ int srate_evaluate_sta2mpp(ssta_status_t *sta, sap_node_t *target_node, sap_radi
         return 0;
     }
 
-    int own = target_radio->channel == bss->radio->channel ? sta->load : 0;
-    int fh = (own + 100 - target_radio->load) * link_rate;
+    // In 64 bits: a heartbeat's rate times a hundredth-percentage fits, and
+    // the results are cut to int's range only at the end.
+    int64_t own = target_radio->channel == bss->radio->channel ? sta->load : 0;
+    int64_t fh = (own + 100 - target_radio->load) * link_rate;
 
     sap_radio_t *bh_radio = snei_get_backhaul_radio();
-    int bhload = 0;
+    int64_t bhload = 0;
     if (bh_radio) {
         bhload = bh_radio->load;
         if (bhload != 0 && g_self.link_rate2mpp != 0) {
@@ -332,27 +355,22 @@ int srate_evaluate_sta2mpp(ssta_status_t *sta, sap_node_t *target_node, sap_radi
             if (link == 0) {
                 LOG_INFO("%s:%d, invalid link rate to " MAC_FMT, MAC_ARG(sta->mac));
                 return 0;
-            } else {
-                bhload = bhload - link * sta->load / g_self.link_rate2mpp;
-                if (bhload < 0)
-                    bhload = 0;
-                if (bhload > 99)
-                    bhload = 99;
             }
+            bhload = std::clamp<int64_t>(bhload - (int64_t)link * sta->load / g_self.link_rate2mpp, 0, 99);
         }
     }
-    int bh = target_node->link_rate2mpp * (100 - bhload);
+    int64_t bh = (int64_t)target_node->link_rate2mpp * (100 - bhload);
 
     int rate;
     if (bh_radio && bh_radio->channel == target_radio->channel)
-        rate = srate_share_media_rate(bh / 100, fh / 100);
+        rate = srate_share_media_rate(srate_clamp(bh / 100), srate_clamp(fh / 100));
     else
-        rate = std::min(fh / 100, bh / 100);
+        rate = srate_clamp(std::min(fh / 100, bh / 100));
     rate = srate_rd_ratio_cal(target_node, rate);
 
     LOG_DUMP("%s:%d, channel %u in " MAC_FMT " sta " MAC_FMT ", link rate: %dM, fonthaul rate: %dM, backhaul rate: "
              "%dM, evaluated rate: %dM",
-             target_radio->channel, MAC_ARG(target_node->node_id), MAC_ARG(sta->mac), link_rate, fh / 100, bh / 100,
-             rate);
+             target_radio->channel, MAC_ARG(target_node->node_id), MAC_ARG(sta->mac), link_rate,
+             srate_clamp(fh / 100), srate_clamp(bh / 100), rate);
     return rate;
 }

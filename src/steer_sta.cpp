@@ -66,15 +66,16 @@ void ssta_remove(ssta_status_t *sta)
         s_sta_fini_cb(sta);
 }
 
-// Frees the unassociated record that has waited longest and that the
-// controller agrees may go; false when there is none.
+// Frees the unassociated record that has waited longest among those that no
+// module needs even under memory stress (the keep-or-drop callback answers
+// false); false when there is none.
 bool ssta_spare()
 {
     ssta_status_t *oldest = nullptr;
     for (ssta_hnode *head : s_sta_hash_heads) {
         for (ssta_hnode *n = head; n; n = n->next) {
             ssta_status_t *sta = ssta_of(n);
-            if (sta->associated || !s_sta_check_useable_cb(sta, true))
+            if (sta->associated || s_sta_check_useable_cb(sta, true))
                 continue;
             if (!oldest || sta->last_assoc < oldest->last_assoc)
                 oldest = sta;
@@ -179,9 +180,15 @@ void ssta_join_handler(uint8_t event, void *data, uint32_t size)
     LOG_INFO("%s:%d, " MAC_FMT " associate bss%u(%s), capability:0x%x, bands:0x%x, rssi:%d", MAC_ARG(sta->mac),
              msg.bss_index, bss->ifname, msg.caps, msg.bands, msg.rssi);
 
+    sap_bss_t *org_bss = nullptr;
     if (sta->associated && sta->bss_index != msg.bss_index) {
-        sap_bss_t *org_bss = sap_get_bss(sta->bss_index);
-        SASSERT(org_bss);
+        // A band or status event of a station never seen joining leaves it
+        // associated without a BSS of ours: there is no old BSS to leave.
+        org_bss = sap_get_bss(sta->bss_index);
+        if (SREFUSE(org_bss))
+            sta->associated = false;
+    }
+    if (org_bss) {
         if (s_roam_kick) {
             LOG_INFO("%s:%d, " MAC_FMT " has associated to bss%d(%s), kick it on bss%d(%s)", MAC_ARG(sta->mac),
                      msg.bss_index, bss->ifname, org_bss->bss_index, org_bss->ifname);

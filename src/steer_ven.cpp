@@ -202,15 +202,16 @@ void sven_add_nbr_info(const char *ifname)
     for (int i = 0; i < n; i++) {
         const sap_ess_t *ess = own[i].ess;
         const sap_bss_t *bss = own[i].bss;
-        SASSERT(bss->radio);
+        const sap_radio_t *radio = bss->radio;
+        SASSERT(radio);
         uwb_rrm_nbr_t entry = {};
         if (uwb_get_os_ifname(bss->ifname, entry.ifname, sizeof(entry.ifname)) != 0) {
             LOG_FATAL("%s:%d, %s get os ifname fail", bss->ifname);
             continue;
         }
         mac_copy(entry.bssid, bss->bssid);
-        entry.channel = bss->radio->channel;
-        entry.band = sven_nbr_band(bss->radio->work_band);
+        entry.channel = radio->channel;
+        entry.band = sven_nbr_band(radio->work_band);
         if (entry.band == 0) {
             LOG_FATAL("%s:%d, ifname(%s) : wrong bandtype!\n", bss->ifname);
             continue;

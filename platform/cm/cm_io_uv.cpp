@@ -14,12 +14,33 @@ namespace {
 
 constexpr size_t CM_IO_CHUNK = 65536;  // one read delivers at most this much
 constexpr const char *CM_UNIX_PREFIX = "unix://";
+// Connections a listening socket keeps open at once; past it, the one idle
+// longest is closed to make room, so no peer can take them all.
+constexpr int CM_IO_MAX_OPEN = 64;
+// A connection that delivers nothing for this long is closed.
+constexpr uint64_t CM_IO_IDLE_MS = 60 * 1000;
+constexpr uint64_t CM_IO_SWEEP_MS = 10 * 1000;
 
 struct cm_io_uv {
     uv_pipe_t pipe;  // first: the handle is also the record
     cm_io *owner;    // null once the user closed it
     bool conn_pending;
+    // An accepted connection: its listening socket and its place in that
+    // socket's list of open connections.
+    cm_io_uv *server;
+    cm_io_uv *prev;
+    cm_io_uv *next;
+    uint64_t last_active;  // loop time (ms) of its acceptance or last data
+    // A listening socket: its open connections and the idle sweep.
+    cm_io_uv *conns;
+    int open;
+    uv_timer_t *sweep;
 };
+
+// Reads land here and are copied into a string of their own size, so an
+// open connection costs nothing while it is quiet. One thread, and libuv
+// hands each read to its callback before it reads the next.
+char s_read_buf[CM_IO_CHUNK];
 
 // An sds is its bytes and a NUL, preceded by its length.
 struct sds_hdr {
@@ -57,6 +78,83 @@ void cm_io_attach(cm_io *io, cm_io_uv *impl)
     io->status = CM_IO_CONNECTED;
 }
 
+void cm_io_unlink_conn(cm_io_uv *conn)
+{
+    cm_io_uv *server = conn->server;
+    if (!server)
+        return;
+    if (conn->prev)
+        conn->prev->next = conn->next;
+    else
+        server->conns = conn->next;
+    if (conn->next)
+        conn->next->prev = conn->prev;
+    conn->prev = conn->next = nullptr;
+    conn->server = nullptr;
+    server->open--;
+}
+
+// Ends a connection for its user as if the peer had closed it: the armed read
+// reports end of stream and the user closes the record. False when no read
+// is armed (the user is busy with it).
+bool cm_io_expire(cm_io_uv *conn)
+{
+    cm_io *client = conn->owner;
+    if (!client || !client->read_cb)
+        return false;
+    cm_io_read_cb cb = client->read_cb;
+    client->read_cb = nullptr;
+    uv_read_stop(reinterpret_cast<uv_stream_t *>(&conn->pipe));
+    cm_io_unlink_conn(conn);
+    cb(client, UV_EOF, nullptr, UV_EOF);
+    return true;
+}
+
+void cm_io_sweep(uv_timer_t *t)
+{
+    auto *server = static_cast<cm_io_uv *>(t->data);
+    uint64_t now = uv_now(cm_uv_loop());
+    for (cm_io_uv *conn = server->conns, *next; conn; conn = next) {
+        next = conn->next;
+        if (conn->last_active + CM_IO_IDLE_MS <= now)
+            cm_io_expire(conn);
+    }
+}
+
+// Makes room for one more connection by closing the one idle longest.
+void cm_io_make_room(cm_io_uv *server)
+{
+    while (server->open >= CM_IO_MAX_OPEN) {
+        cm_io_uv *idlest = nullptr;
+        for (cm_io_uv *conn = server->conns; conn; conn = conn->next)
+            if (conn->owner && conn->owner->read_cb && (!idlest || conn->last_active < idlest->last_active))
+                idlest = conn;
+        if (!idlest || !cm_io_expire(idlest))
+            return;
+    }
+}
+
+void cm_io_track_conn(cm_io_uv *server, cm_io_uv *conn)
+{
+    cm_io_make_room(server);
+    conn->server = server;
+    conn->next = server->conns;
+    if (server->conns)
+        server->conns->prev = conn;
+    server->conns = conn;
+    server->open++;
+    conn->last_active = uv_now(cm_uv_loop());
+    if (!server->sweep) {
+        server->sweep = static_cast<uv_timer_t *>(calloc(1, sizeof(uv_timer_t)));
+        if (!server->sweep)
+            return;
+        uv_timer_init(cm_uv_loop(), server->sweep);
+        server->sweep->data = server;
+        uv_timer_start(server->sweep, cm_io_sweep, CM_IO_SWEEP_MS, CM_IO_SWEEP_MS);
+        uv_unref(reinterpret_cast<uv_handle_t *>(server->sweep));
+    }
+}
+
 void cm_io_do_accept(cm_io *server)
 {
     cm_io *client = server->accept_client;
@@ -72,6 +170,7 @@ void cm_io_do_accept(cm_io *server)
         return;
     }
     cm_io_attach(client, impl);
+    cm_io_track_conn(static_cast<cm_io_uv *>(server->impl), impl);
     cb(server, client, 0);
 }
 
@@ -110,35 +209,35 @@ void cm_io_alloc(uv_handle_t *h, size_t, uv_buf_t *buf)
     size_t want = CM_IO_CHUNK;
     if (impl && impl->owner && impl->owner->read_len && impl->owner->read_len < want)
         want = impl->owner->read_len;
-    auto *hdr = static_cast<sds_hdr *>(malloc(sizeof(sds_hdr) + want + 1));
-    if (!hdr) {
-        *buf = uv_buf_init(nullptr, 0);
-        return;
-    }
-    *buf = uv_buf_init(hdr->buf, (unsigned)want);
+    *buf = uv_buf_init(s_read_buf, (unsigned)want);
 }
 
-void cm_io_on_read(uv_stream_t *stream, ssize_t nread, const uv_buf_t *buf)
+void cm_io_on_read(uv_stream_t *stream, ssize_t nread, const uv_buf_t *)
 {
     auto *impl = static_cast<cm_io_uv *>(stream->data);
-    sds data = buf->base;
-    if (nread == 0 || !impl || !impl->owner) {
-        sdsfree(data);
+    if (nread == 0 || !impl || !impl->owner)
         return;
-    }
     cm_io *client = impl->owner;
     uv_read_stop(stream);
     cm_io_read_cb cb = client->read_cb;
     client->read_cb = nullptr;
     if (nread < 0) {
-        sdsfree(data);
+        cm_io_unlink_conn(impl);
         cb(client, nread, nullptr, (int)nread);
         return;
     }
-    sds_hdr *hdr = sds_of(data);
+    impl->last_active = uv_now(cm_uv_loop());
+    auto *hdr = static_cast<sds_hdr *>(malloc(sizeof(sds_hdr) + (size_t)nread + 1));
+    if (!hdr) {
+        // No memory for the data: the connection ends as if the peer had gone.
+        cm_io_unlink_conn(impl);
+        cb(client, UV_ENOBUFS, nullptr, UV_ENOBUFS);
+        return;
+    }
+    memcpy(hdr->buf, s_read_buf, (size_t)nread);
     hdr->len = (size_t)nread;
     hdr->buf[nread] = '\0';
-    cb(client, nread, data, 0);
+    cb(client, nread, hdr->buf, 0);
 }
 
 }  // namespace
@@ -201,6 +300,19 @@ int cm_io_close(struct cm_io *io)
         return -1;
     auto *impl = static_cast<cm_io_uv *>(io->impl);
     if (impl) {
+        cm_io_unlink_conn(impl);
+        // A listening socket lets go of its connections (they stay open for
+        // their users) and of its sweep.
+        for (cm_io_uv *conn = impl->conns, *next; conn; conn = next) {
+            next = conn->next;
+            conn->server = conn->prev = conn->next = nullptr;
+        }
+        impl->conns = nullptr;
+        if (impl->sweep) {
+            uv_timer_stop(impl->sweep);
+            cm_uv_close_free(reinterpret_cast<uv_handle_t *>(impl->sweep));
+            impl->sweep = nullptr;
+        }
         impl->owner = nullptr;
         cm_uv_close_free(reinterpret_cast<uv_handle_t *>(&impl->pipe));
     }

@@ -22,7 +22,7 @@ TEST(SexeNoOut, CommandMustFitIn511Characters)
     EXPECT_EQ(sexe_no_out("%s", command_of_length(511).c_str()), 0);
     EXPECT_EQ(log.text(), "");
     EXPECT_EQ(sexe_no_out("%s", command_of_length(512).c_str()), -1);
-    std::regex line("error sexe_format:[0-9]+, command too long\\(>511\\), fmt '%s'\n");
+    std::regex line("error sexe_no_out:[0-9]+, command too long\\(>511\\), fmt '%s'\n");
     EXPECT_TRUE(std::regex_match(log.text(), line)) << log.text();
 }
 

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <regex>
+#include <set>
 
 #include "fake_cm.h"
 #include "fake_platform.h"
@@ -19,10 +20,11 @@ namespace {
 const uint8_t PEER[6] = {0x02, 0x00, 0x00, 0x00, 0x0b, 0x00};
 const uint8_t STA_A[6] = {0x02, 0xaa, 0, 0, 0, 0x01};
 const uint8_t STA_B[6] = {0x02, 0xaa, 0, 0, 0, 0x02};
+const uint8_t STA_C[6] = {0x02, 0xaa, 0, 0, 0, 0x03};
 
 std::vector<std::string> s_trace;
-bool s_keep = true;        // what check_useable(sta, false) answers
-bool s_replaceable = true;  // what check_useable(sta, true) answers
+bool s_keep = true;          // what check_useable(sta, false) answers
+std::set<uint8_t> s_needed;  // last MAC bytes of what check_useable(sta, true) keeps
 
 std::string short_mac(const ssta_status_t *sta)
 {
@@ -42,7 +44,7 @@ void on_disassoc(ssta_status_t *sta, sap_bss_t *bss)
 {
     s_trace.push_back("disassoc " + short_mac(sta) + " " + std::to_string(bss->bss_index));
 }
-bool on_check(ssta_status_t *, bool mem_stress) { return mem_stress ? s_replaceable : s_keep; }
+bool on_check(ssta_status_t *sta, bool mem_stress) { return mem_stress ? s_needed.count(sta->mac[5]) > 0 : s_keep; }
 
 sap_radio_t s_radio2 = {MAPS_2G, 6, 0, 0, 1, {}, nullptr};
 sap_radio_t s_radio5 = {MAPS_5L, 36, 0, 0, 2, {}, nullptr};
@@ -137,7 +139,7 @@ protected:
         ssta_set_check_useable_cb(on_check);
         s_trace.clear();
         s_keep = true;
-        s_replaceable = true;
+        s_needed.clear();
     }
     void TearDown() override
     {
@@ -254,19 +256,42 @@ TEST_F(SstaTest, FullTableReplacesOnlyWhatTheControllerLetsGo)
         log.text(), std::regex("warning ssta_new:[0-9]+, too many stations are maintained, support 256 stations\n")))
         << log.text();
 
-    // Two may go: the one that left first is released.
+    // Under pressure the record that left first goes, among those no module
+    // needs even then; of two that left at the same time, the first met.
     const uint8_t seventh[6] = {0x02, 0xbb, 0, 0, 0, 7};
     const uint8_t ninth[6] = {0x02, 0xbb, 0, 0, 0, 9};
-    ssta_find(seventh)->associated = false;
-    ssta_find(ninth)->associated = false;
-    ssta_find(ninth)->last_assoc = 5;
+    const uint8_t eleventh[6] = {0x02, 0xbb, 0, 0, 0, 11};
+    for (const uint8_t *m : {seventh, ninth, eleventh}) {
+        ssta_find(m)->associated = false;
+        ssta_find(m)->last_assoc = 5;
+    }
+    ssta_find(eleventh)->last_assoc = 3;
+    s_needed = {11};
+    uint8_t first_met = 0;
+    ssta_iterate(
+        [](ssta_status_t *sta, void *out) {
+            bool tied = sta->mac[5] == 7 || sta->mac[5] == 9;
+            if (tied)
+                *static_cast<uint8_t *>(out) = sta->mac[5];
+            return tied;
+        },
+        &first_met);
+    uint8_t second_met = first_met == 7 ? 9 : 7;
     s_trace.clear();
-    ASSERT_NE(ssta_new(STA_A), nullptr);
-    EXPECT_EQ(s_trace, (std::vector<std::string>{"fini 09", "init 01"}));
+    for (const uint8_t *m : {STA_A, STA_B}) {
+        ssta_status_t *sta = ssta_new(m);
+        ASSERT_NE(sta, nullptr);
+        sta->associated = true;
+    }
+    char first[16], second[16];
+    snprintf(first, sizeof(first), "fini %02x", first_met);
+    snprintf(second, sizeof(second), "fini %02x", second_met);
+    EXPECT_EQ(s_trace, (std::vector<std::string>{first, "init 01", second, "init 02"}));
     EXPECT_EQ(ssta_get_count(), 256);
 
-    s_replaceable = false;
-    EXPECT_EQ(ssta_new(STA_B), nullptr);
+    // What is left unassociated is needed: the table refuses.
+    EXPECT_EQ(ssta_new(STA_C), nullptr);
+    EXPECT_NE(ssta_find(eleventh), nullptr);
 }
 
 TEST_F(SstaTest, CollectionFreesWhatIsNoLongerWanted)
