@@ -13,6 +13,7 @@ import time
 import pytest
 
 from lab.controller import Lab
+from lab.driver import EV
 
 FATAL_DELAY = 15
 
@@ -125,6 +126,50 @@ def test_broadcast_is_dispatched_on_the_others_and_dropped_by_its_sender(lab):
     assert not re.search(rf"receive message from {a_id}", lab.log("A"))
     assert re.search(r"neighbor 02:00:00:00:0a:00 is online", lab.log("B"))
     assert re.search(rf"neighbor {b_id} is online", lab.log("A"))
+
+
+# Driver input that breaks a state the daemon relies on: each is logged and
+# dropped, and the daemon serves on (the next station's join is announced).
+B_ID = "02:00:00:00:0b:00"
+BAD_INPUTS = [
+    ("band event of a new station, then its join",
+     lambda drv: drv.sta_event("band", "02:5e:00:00:00:01", 1),
+     "02:5e:00:00:00:01", r"error ssta_join_handler:\d+, 'org_bss' is not satisfied"),
+    ("status event on a BSS that is not ours, then the join",
+     lambda drv: drv.sta_event("status", "02:5e:00:00:00:02", 32),
+     "02:5e:00:00:00:02", r"error ssta_join_handler:\d+, 'org_bss' is not satisfied"),
+    ("a pong nobody waits for",
+     lambda drv: drv.inject(EV["PONG"], b"MAPS_API_V2\0"),
+     None, r"error sdrv_pong_handler:\d+, 's_ping_timer' is not satisfied"),
+    ("an empty pong",
+     lambda drv: drv.inject(EV["PONG"], b""),
+     None, r"error sdrv_pong_handler:\d+, 'size' is not satisfied"),
+    ("radio status of a radio not in use",
+     lambda drv: drv.radio_status(3, 36, load=10),
+     None, r"error sap_radio_handler:\d+, radio3 is not in use, status dropped"),
+    ("radio status with channel 0",
+     lambda drv: drv.radio_status(1, 0, load=10),
+     None, r"error sap_radio_handler:\d+, radio1 reports channel 0 band 0x2, status dropped"),
+]
+
+
+def test_driver_input_that_breaks_the_model_is_dropped_and_the_daemon_serves_on(lab):
+    lab.wait_log("B", r"neighbor 02:00:00:00:0a:00 is online", timeout=15)
+    drv = lab.driver("B")
+
+    def announced(sta):
+        return [m for m in lab.relay.messages(type="SSTA_ASSOCIATE")
+                if m["sa"] == B_ID and m["body"]["sta"] == sta and m["body"]["associated"] == 1]
+
+    for n, (what, bad, sta, error) in enumerate(BAD_INPUTS):
+        before = len(re.findall(error, lab.log("B"), re.M))
+        bad(drv)
+        # The station itself, or a new one, joins and is announced to the mesh.
+        joiner = sta or f"02:5f:00:00:00:{n:02x}"
+        drv.sta_event("join", joiner, 2, rssi=-55)
+        lab.wait_for(lambda: announced(joiner) and len(re.findall(error, lab.log("B"), re.M)) > before, 5)
+        assert lab.daemon("B").returncode is None, what
+    assert "Assertion failed" not in lab.log("B")
 
 
 def test_sigterm_cleans_the_driver_and_says_goodbye(lab):
