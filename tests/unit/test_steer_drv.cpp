@@ -192,7 +192,8 @@ TEST_F(SdrvTest, StartUpProvesBothDirectionsAndCleansTheDriver)
     slog_set_level(nullptr, SLOG_DEBUG);
     sdrv_init();
 
-    EXPECT_NE(log.text().find("use default interface name wl0"), std::string::npos);
+    EXPECT_TRUE(std::regex_search(log.text(), std::regex("info sdrv_init:[0-9]+, use default interface name wl0\n")))
+        << log.text();
     // The ioctl ping, then the driver is told to forget everything.
     EXPECT_EQ(fake_uwb_calls("steer_maps"),
               (std::vector<std::string>{"steer_maps wl0 0 12", "steer_maps wl0 9 8"}));
@@ -202,15 +203,43 @@ TEST_F(SdrvTest, StartUpProvesBothDirectionsAndCleansTheDriver)
     EXPECT_EQ(fake_cm_timers(), 1);  // waiting for the pong
     EXPECT_EQ(fake_cm_poll_events(42), CM_POLL_READ);
 
-    g_fake_nl.incoming.push_back(nl_event(MAPS_EV_PONG, "MAPS_API_V2", 12));
-    ASSERT_TRUE(fake_cm_fire_poll(42, CM_POLL_READ));
+    // A pong without a version is dropped: the wait goes on.
+    deliver(nl_event(MAPS_EV_PONG, nullptr, 0));
+    EXPECT_EQ(fake_cm_timers(), 1);
+    deliver(nl_event(MAPS_EV_PONG, "MAPS_API_V2", 12));
     EXPECT_EQ(fake_cm_timers(), 0);
     EXPECT_NE(log.text().find("receive reponse via netlink. version 'MAPS_API_V2'"), std::string::npos);
     fake_cm_advance(10);  // no time-out any more
+    // So is a pong that no ping waits for.
+    deliver(nl_event(MAPS_EV_PONG, "MAPS_API_V3", 12));
+    EXPECT_TRUE(std::regex_search(log.text(), std::regex("error sdrv_pong_handler:[0-9]+, 'size' is not satisfied\n"
+                                                         "(.*\n)*"
+                                                         "error sdrv_pong_handler:[0-9]+, 's_ping_timer' is not "
+                                                         "satisfied\n")))
+        << log.text();
 
     sdrv_exit();
     EXPECT_EQ(fake_uwb_calls("steer_maps").back(), "steer_maps wl0 9 8");
     slog_set_level(nullptr, SLOG_INFO);
+}
+
+// What init set up, exit takes down: the pong wait, the registrations, the
+// driver's state. A module that never started sends nothing.
+TEST_F(SdrvTest, ExitUndoesInit)
+{
+    driver_with_vap();
+    sdrv_exit();
+    EXPECT_EQ(fake_uwb_calls("steer_maps").size(), 0u);
+    sdrv_init();
+    sdrv_register_event(EV_A, record_event);
+    sdrv_exit();
+    EXPECT_EQ(fake_uwb_calls("steer_maps").back(), "steer_maps wl0 9 8");
+    EXPECT_EQ(fake_cm_timers(), 0);
+    EXPECT_EQ(fake_cm_polls(), 0);
+    log_capture log;
+    sdrv_register_event(EV_A, other_callback);
+    sdrv_register_event(MAPS_EV_PONG, other_callback);
+    EXPECT_EQ(log.text(), "");
 }
 
 // Runs `body` in a death test and returns the log it wrote.

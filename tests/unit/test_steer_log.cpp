@@ -233,13 +233,19 @@ void steer_record_to_steering_log()
     ASSERT_EQ(slog_set_path(path.c_str()), 0);
     slog_log(SLOG_STEER, "%s:%d, [steer trigger] %s\n", "fn", 7, "go");
     slog_log(SLOG_INFO, "after");
+    // A module's steering record is written whatever its level: no level reaches it.
+    slog_set_level(nullptr, SLOG_SILENCE);
+    LOG_STEER("%s:%d, [steer result] %s\n", "done");
+    slog_set_level(nullptr, SLOG_INFO);
     slog_set_path("stdout");
 
     // The main output keeps only the prefix, continued by the next line.
-    EXPECT_EQ(read_file(path), "steer info after\n");
+    EXPECT_EQ(read_file(path), "steer info after\nsteer ");
     // The steering log always carries the time prefix.
     std::string steer = read_file("/var/run/steer.log");
-    std::regex expected("[0-9]+ [0-9]{2}/[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2} fn:7, \\[steer trigger\\] go\n");
+    std::regex expected("[0-9]+ [0-9]{2}/[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2} fn:7, \\[steer trigger\\] go\n"
+                        "[0-9]+ [0-9]{2}/[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2} steer_record_to_steering_log:[0-9]+, "
+                        "\\[steer result\\] done\n");
     EXPECT_TRUE(std::regex_match(steer, expected)) << steer;
 }
 

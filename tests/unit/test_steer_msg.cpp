@@ -113,6 +113,13 @@ TEST_F(SmsgTest, TypeNamesAreCutTo31Characters)
         << log.text();
     receive(mesh_message(PEER, SELF, longer, "{\"v\": 4}"));
     EXPECT_EQ(s_got.calls, 2);  // the first handler stays
+
+    // Exit forgets the registry: a fresh start takes the type again.
+    smsg_exit();
+    smsg_init();
+    smsg_register(longer.c_str(), other_handler);
+    receive(mesh_message(PEER, SELF, longer, "{\"v\": 5}"));
+    EXPECT_EQ(s_got.calls, 2);
 }
 
 TEST_F(SmsgTest, TypedGettersReportWhatIsMissingOrWrong)

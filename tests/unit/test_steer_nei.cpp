@@ -9,6 +9,8 @@
 #include "steer.h"
 #include "steer_msg.h"
 #include "steer_nei.h"
+#include "steer_ven.h"
+#include "maps.h"
 #include "test_util.h"
 
 namespace {
@@ -207,6 +209,100 @@ TEST(SneiInit, PortalAddressMustScan)
     fake_platform_reset();
     conf_file conf("bandherd.mppmac=02:00:zz\n");
     EXPECT_DEATH(snei_init(), "");
+}
+
+}  // namespace
+
+namespace {
+
+// Only a heartbeat without its ESS list keeps the sender; without the radio
+// or the BSS list it is malformed. A bad BSSID leaves the one known.
+TEST_F(SneiTest, MissingListsAndBadAddressesInAHeartbeat)
+{
+    const std::string good = heartbeat();
+    auto without = [&](const std::string &key) {
+        std::string text = good;
+        size_t at = text.find(",\"" + key + "\":[");
+        size_t end = text.find(']', at);
+        return text.erase(at, end + 1 - at);
+    };
+    struct {
+        std::string key;
+        bool kept;
+    } cases[] = {{"ess", true}, {"radio", false}, {"bss", false}};
+    for (const auto &c : cases) {
+        receive(node_mac(1), "SNEI_HEARTBEAT", good);
+        receive(node_mac(1), "SNEI_HEARTBEAT", without(c.key));
+        EXPECT_EQ(snei_find(node_mac(1)) != nullptr, c.kept) << c.key;
+    }
+
+    std::string bad = good;
+    bad.replace(bad.find("02:00:00:00:0b:01"), 17, "aa:bb:zz:00:00:00");
+    receive(node_mac(1), "SNEI_HEARTBEAT", good);
+    log_capture log;
+    receive(node_mac(1), "SNEI_HEARTBEAT", bad);
+    sap_node_t *node = snei_find(node_mac(1));
+    ASSERT_NE(node, nullptr);
+    const uint8_t old_bssid[6] = {0x02, 0, 0, 0, 0x0b, 0x01};
+    EXPECT_TRUE(mac_equal(node->managed_bss[1]->bssid, old_bssid));
+    EXPECT_NE(log.text().find("scan mac failed, 'aa:bb:zz:00:00:00'"), std::string::npos) << log.text();
+}
+
+// A node whose uplink neighbour reports no rate of its own keeps the rate it
+// had: estimates divide by it.
+TEST_F(SneiTest, OwnRateToThePortalNeverBecomesZero)
+{
+    snei_exit();
+    fake_cm_reset();
+    g_self.radios[1] = sap_radio_t{MAPS_5L, 36, 0, 0, 1, {}, nullptr};
+    g_fake_uwb.vaps["bh0"].channel = 36;
+    g_fake_uwb.bssid = "02:00:00:00:10:01";  // the uplink: neighbour 1
+    g_fake_uwb.link_rate = 300;
+    conf_file conf("bandherd.backhaul=bh0\nbandherd.mppmac=02:00:00:00:10:07\n");
+    snei_init();
+    ASSERT_NE(snei_get_backhaul_radio(), nullptr);
+    sven_init();
+    receive(node_mac(1), "SAP_INFO", R"({"mac":"02:00:00:00:10:01","hopcont":2})");
+
+    std::string uplink = heartbeat();
+    uplink.replace(uplink.find("\"link_rate2mpp\":433"), 19, "\"link_rate2mpp\":0");
+    receive(node_mac(1), "SNEI_HEARTBEAT", uplink);
+    fake_cm_advance(20);
+    EXPECT_EQ(g_self.link_rate2mpp, 999);
+    EXPECT_EQ(g_self.hop, 0);
+
+    receive(node_mac(1), "SNEI_HEARTBEAT", heartbeat());
+    fake_cm_advance(20);
+    EXPECT_EQ(g_self.link_rate2mpp, 177);  // 300 and 433 sharing one medium
+    EXPECT_EQ(g_self.hop, 2);
+    sven_exit();
+}
+
+// Without a configured portal the node is its own portal when the portal's
+// address, by default its bridge's, is its own; the device address may differ.
+void portal_by_bridge_address()
+{
+    ASSERT_EQ(system("ip link add br0 type bridge && ip link set br0 address 02:11:22:33:44:55"), 0);
+    for (bool same : {false, true}) {
+        fake_platform_reset();
+        fake_cm_reset();
+        fake_uwb_reset();
+        g_self = sap_node_t{};
+        g_self.is_mpp = true;
+        if (same) {
+            const uint8_t br0[6] = {0x02, 0x11, 0x22, 0x33, 0x44, 0x55};
+            memcpy(g_fake_self_mac, br0, 6);
+        }
+        setenv("BANDHERD_CONF", "/nonexistent", 1);
+        snei_init();
+        EXPECT_EQ(g_self.is_mpp, same);
+        snei_exit();
+    }
+}
+
+TEST(SneiInit, DefaultPortalIsTheBridgeAddress)
+{
+    EXPECT_SANDBOXED(SANDBOX_NET, portal_by_bridge_address);
 }
 
 }  // namespace

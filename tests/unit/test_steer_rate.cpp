@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <climits>
 #include <regex>
 
 #include "fake_uwb.h"
@@ -197,6 +198,65 @@ TEST(SrateInit, BadFactorOrEquationStopsStartUp)
     EXPECT_EQ(srate_get_rate_rssi(&sta, &r2, -40), 7);  // factor 100: the equation as it is
     EXPECT_EQ(srate_get_rate_rssi(&sta, &r2, 5), 9);
     srate_exit();
+}
+
+}  // namespace
+
+namespace {
+
+// Whatever a heartbeat carries or an equation is configured to, every
+// estimate is a defined number, at once.
+TEST_F(SrateDefaults, ExtremeValuesGiveDefinedResults)
+{
+    struct {
+        const char *text;
+        int x;
+        int expect;
+    } wild[] = {
+        {"0;1e308,1e308;5", -50, INT_MIN},        // far below int
+        {"0;1e308,0,1e308;5", -50, INT_MAX},      // far above it
+        {"0;1e308,1e308,1e308;5", -50, 0},        // -inf + inf: no number
+        {"0;2147483647.4;5", -1, INT_MAX},
+    };
+    for (const auto &w : wild) {
+        srate_equation_t *eq = parse(w.text);
+        ASSERT_NE(eq, nullptr) << w.text;
+        EXPECT_EQ(srate_calculate(eq, w.x), w.expect) << w.text;
+        srate_del_equation(eq);
+    }
+    EXPECT_EQ(srate_share_media_rate(INT_MAX, INT_MAX), 1073741824);
+
+    g_self = sap_node_t{};
+    sap_radio_t serving = {};
+    serving.channel = 36;
+    serving.work_band = MAPS_5L;
+    sap_bss_t bss = {};
+    bss.bss_index = 1;
+    bss.radio = &serving;
+    g_self.managed_bss[1] = &bss;
+    ssta_status_t sta = {};
+    sta.bss_index = 1;
+    sap_radio_t radio = {};
+    radio.channel = 149;
+    sap_node_t target = {};
+    target.link_rate2mpp = 30000000;
+    target.is_mpp = true;
+    // The back-haul of a neighbour that claims 30 Tbit/s is just that.
+    EXPECT_EQ(srate_evaluate_sta2mpp(&sta, &target, &radio, INT_MAX), 30000000);
+    target.link_rate2mpp = INT_MAX;
+    EXPECT_EQ(srate_evaluate_sta2mpp(&sta, &target, &radio, INT_MAX), INT_MAX);
+    // Any hop count ends at once; a reduction of 100 % or more leaves nothing.
+    target.is_mpp = false;
+    target.hop = INT_MAX;
+    for (const char *ratio : {"10", "300"}) {
+        srate_exit();
+        conf_file file(std::string("bandherd.rate_rd_ratio=") + ratio + "\n");
+        srate_init();
+        EXPECT_EQ(srate_evaluate_sta2mpp(&sta, &target, &radio, 500), 0) << ratio;
+    }
+    target.hop = 1;
+    EXPECT_EQ(srate_evaluate_sta2mpp(&sta, &target, &radio, 500), 0);
+    g_self = sap_node_t{};
 }
 
 }  // namespace
