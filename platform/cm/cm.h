@@ -99,6 +99,12 @@ int cm_io_read(struct cm_io *client, size_t len, cm_io_read_cb cb, double timeou
 // Closes the connection; the status becomes CM_IO_CLOSED and the record may be
 // freed at once. 0 on success.
 int cm_io_close(struct cm_io *io);
+// Bounds what the peers of a listening socket can hold: at most `max_open`
+// accepted connections open at once (for a new one, the one idle longest is
+// closed) and none that delivers nothing for `idle_seconds`. A connection is
+// closed for its user as if its peer had gone: the armed read reports the
+// end. The defaults are 64 connections and 60 seconds. 0 on success.
+int cm_io_limit(struct cm_io *server, int max_open, double idle_seconds);
 
 // Reports `msg` on standard error and aborts.
 void cm_abort(const char *msg) __attribute__((noreturn));

@@ -4,6 +4,7 @@
 // record may be freed right after cm_io_close.
 #include <uv.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
@@ -19,7 +20,6 @@ constexpr const char *CM_UNIX_PREFIX = "unix://";
 constexpr int CM_IO_MAX_OPEN = 64;
 // A connection that delivers nothing for this long is closed.
 constexpr uint64_t CM_IO_IDLE_MS = 60 * 1000;
-constexpr uint64_t CM_IO_SWEEP_MS = 10 * 1000;
 
 struct cm_io_uv {
     uv_pipe_t pipe;  // first: the handle is also the record
@@ -31,9 +31,11 @@ struct cm_io_uv {
     cm_io_uv *prev;
     cm_io_uv *next;
     uint64_t last_active;  // loop time (ms) of its acceptance or last data
-    // A listening socket: its open connections and the idle sweep.
+    // A listening socket: its open connections, their limits and the idle sweep.
     cm_io_uv *conns;
     int open;
+    int max_open;
+    uint64_t idle_ms;
     uv_timer_t *sweep;
 };
 
@@ -116,15 +118,31 @@ void cm_io_sweep(uv_timer_t *t)
     uint64_t now = uv_now(cm_uv_loop());
     for (cm_io_uv *conn = server->conns, *next; conn; conn = next) {
         next = conn->next;
-        if (conn->last_active + CM_IO_IDLE_MS <= now)
+        if (conn->last_active + server->idle_ms <= now)
             cm_io_expire(conn);
     }
+}
+
+// Looks for idle connections a few times per idle period (at most every
+// 10 s); the sweep does not keep the loop alive.
+void cm_io_start_sweep(cm_io_uv *server)
+{
+    if (!server->sweep) {
+        server->sweep = static_cast<uv_timer_t *>(calloc(1, sizeof(uv_timer_t)));
+        if (!server->sweep)
+            return;
+        uv_timer_init(cm_uv_loop(), server->sweep);
+        server->sweep->data = server;
+        uv_unref(reinterpret_cast<uv_handle_t *>(server->sweep));
+    }
+    uint64_t period = std::clamp<uint64_t>(server->idle_ms / 4, 10, 10000);
+    uv_timer_start(server->sweep, cm_io_sweep, period, period);
 }
 
 // Makes room for one more connection by closing the one idle longest.
 void cm_io_make_room(cm_io_uv *server)
 {
-    while (server->open >= CM_IO_MAX_OPEN) {
+    while (server->open >= server->max_open) {
         cm_io_uv *idlest = nullptr;
         for (cm_io_uv *conn = server->conns; conn; conn = conn->next)
             if (conn->owner && conn->owner->read_cb && (!idlest || conn->last_active < idlest->last_active))
@@ -144,15 +162,7 @@ void cm_io_track_conn(cm_io_uv *server, cm_io_uv *conn)
     server->conns = conn;
     server->open++;
     conn->last_active = uv_now(cm_uv_loop());
-    if (!server->sweep) {
-        server->sweep = static_cast<uv_timer_t *>(calloc(1, sizeof(uv_timer_t)));
-        if (!server->sweep)
-            return;
-        uv_timer_init(cm_uv_loop(), server->sweep);
-        server->sweep->data = server;
-        uv_timer_start(server->sweep, cm_io_sweep, CM_IO_SWEEP_MS, CM_IO_SWEEP_MS);
-        uv_unref(reinterpret_cast<uv_handle_t *>(server->sweep));
-    }
+    cm_io_start_sweep(server);
 }
 
 void cm_io_do_accept(cm_io *server)
@@ -266,7 +276,21 @@ int cm_io_listen(struct cm_io *server, const char *address)
         cm_uv_close_free(reinterpret_cast<uv_handle_t *>(&impl->pipe));
         return -1;
     }
+    impl->max_open = CM_IO_MAX_OPEN;
+    impl->idle_ms = CM_IO_IDLE_MS;
     cm_io_attach(server, impl);
+    return 0;
+}
+
+int cm_io_limit(struct cm_io *server, int max_open, double idle_seconds)
+{
+    if (!server || !server->impl || max_open < 1 || idle_seconds <= 0)
+        return -1;
+    auto *impl = static_cast<cm_io_uv *>(server->impl);
+    impl->max_open = max_open;
+    impl->idle_ms = (uint64_t)(idle_seconds * 1000.0 + 0.5);
+    if (impl->sweep)
+        cm_io_start_sweep(impl);
     return 0;
 }
 

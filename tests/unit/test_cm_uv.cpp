@@ -1,13 +1,18 @@
 // The libuv event library with short real periods: timers repeat until
 // stopped, time-outs run once, polls report readiness.
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <cstddef>
 #include <ctime>
+#include <functional>
 #include <string>
+#include <vector>
 
 #include "cm.h"
+#include "test_util.h"
 
 namespace {
 
@@ -202,6 +207,114 @@ TEST(CmUv, PollReportsReadableWithBitOne)
 TEST(CmUv, AbortReportsAndAborts)
 {
     EXPECT_DEATH(cm_abort("oom at here"), "oom at here");
+}
+
+}  // namespace
+
+namespace {
+
+// Runs the loop until `done` holds or `seconds` pass; whether it held.
+bool run_until(const std::function<bool()> &done, double seconds = 5)
+{
+    struct waiter {
+        cm_timer timer{};
+        const std::function<bool()> *done;
+        double deadline;
+    } w{{}, &done, now_s() + seconds};
+    cm_timer_start(&w.timer, 0.01, [](cm_timer *t) {
+        auto *w = reinterpret_cast<waiter *>(t);
+        if ((*w->done)() || now_s() > w->deadline) {
+            cm_timer_stop(t);
+            cm_stop();
+        }
+    });
+    cm_run();
+    return done();
+}
+
+// A listening socket's users as the mesh transport has them: every accepted
+// connection is read until it ends, then closed and freed.
+struct listener {
+    cm_io server{-1, CM_IO_CLOSED, nullptr, nullptr, nullptr, nullptr, 0};
+    int accepted = 0;
+    int ended = 0;
+    std::string got;
+} *s_listener;
+
+cm_io *new_client()
+{
+    return new cm_io{-1, CM_IO_CLOSED, nullptr, nullptr, nullptr, nullptr, 0};
+}
+
+void listener_read(cm_io *cli, ssize_t, sds data, int err)
+{
+    if (err) {
+        s_listener->ended++;
+        cm_io_close(cli);
+        delete cli;
+        return;
+    }
+    s_listener->got.append(data, sdslen(data));
+    sdsfree(data);
+    cm_io_read(cli, 0, listener_read, -1.0);
+}
+
+void listener_accept(cm_io *server, cm_io *cli, int err)
+{
+    if (err == 0) {
+        s_listener->accepted++;
+        cm_io_read(cli, 0, listener_read, -1.0);
+        cli = new_client();
+    }
+    cm_io_accept(server, cli, listener_accept, -1.0);
+}
+
+bool peer_closed(int fd)
+{
+    char c;
+    return read(fd, &c, 1) == 0;
+}
+
+// No peer can hold more connections than the limit, nor keep one that stays quiet.
+TEST(CmIo, ConnectionsAreBoundedAndIdleOnesClosed)
+{
+    cm_init();
+    temp_dir dir;
+    std::string path = dir.file("s");
+    listener l;
+    s_listener = &l;
+    ASSERT_EQ(cm_io_listen(&l.server, ("unix://" + path).c_str()), 0);
+    ASSERT_EQ(cm_io_limit(&l.server, 3, 0.3), 0);
+    cm_io_accept(&l.server, new_client(), listener_accept, -1.0);
+
+    std::vector<int> peers;
+    for (int i = 0; i < 5; i++) {
+        int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+        sockaddr_un addr = {};
+        addr.sun_family = AF_UNIX;
+        snprintf(addr.sun_path, sizeof(addr.sun_path), "%s", path.c_str());
+        ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)), 0);
+        peers.push_back(fd);
+        ASSERT_TRUE(run_until([&] { return l.accepted == i + 1; }));
+    }
+    // The two that waited longest made room for the last two.
+    EXPECT_EQ(l.ended, 2);
+    EXPECT_TRUE(peer_closed(peers[0]));
+    EXPECT_TRUE(peer_closed(peers[1]));
+    ASSERT_EQ(write(peers[4], "last", 4), 4);
+    EXPECT_TRUE(run_until([&] { return l.got == "last"; }));
+
+    // Quiet ones go after the idle time.
+    EXPECT_TRUE(run_until([&] { return l.ended == 5; }));
+    for (int fd : peers) {
+        EXPECT_TRUE(peer_closed(fd));
+        close(fd);
+    }
+    cm_io *waiting = l.server.accept_client;
+    cm_io_close(&l.server);
+    delete waiting;
+    EXPECT_TRUE(run_until([] { return true; }));  // lets libuv release the handles
+    s_listener = nullptr;
 }
 
 }  // namespace
