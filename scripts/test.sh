@@ -9,21 +9,25 @@ cd "$(dirname "$0")/.."
 
 python=/usr/bin/python3
 
+# As many compile jobs as there are cores (ninja's default is more, and the
+# sanitizer build's compilers then crowd a small machine's memory).
+jobs=$(nproc)
+
 build() {
   local dir=$1
   shift
   cmake -S . -B "$dir" -G Ninja -DBANDHERD_WERROR=ON "$@" >/dev/null
-  cmake --build "$dir"
+  cmake --build "$dir" -j "$jobs"
 }
 
 echo "== normal build"
 build build -DCMAKE_BUILD_TYPE=RelWithDebInfo
-ctest --test-dir build --output-on-failure -j "$(nproc)"
+ctest --test-dir build --output-on-failure -j "$jobs"
 
 echo "== sanitizer build (ASan + UBSan)"
 build build-asan -DCMAKE_BUILD_TYPE=Debug -DBANDHERD_SANITIZE=ON
 ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
-  ctest --test-dir build-asan --output-on-failure -j "$(nproc)"
+  ctest --test-dir build-asan --output-on-failure -j "$jobs"
 
 echo "== the daemon as a user runs it (sanitizer build)"
 BANDHERD_BIN=build-asan/src/bandherd "$python" -m pytest -q -p no:cacheprovider tests/lab/test_startup.py
