@@ -173,18 +173,6 @@ int uwb_del_rrm_neighbor(const char *ifname, const uint8_t *bssid, int)
     return g_fake_uwb.rrm_result;
 }
 
-int uwb_beacon_req(const char *ifname, const beacon_req_params_t *p)
-{
-    record(std::string("beacon_req ") + ifname + " " + mac_text(p->sta_mac) + " " + std::to_string(p->channel));
-    return 0;
-}
-
-int uwb_bss_trans_req(const char *ifname, const struct maps_msg_bss_trans_req *req)
-{
-    record(std::string("bss_trans_req ") + ifname + " " + mac_text(req->sta) + " " + mac_text(req->bss));
-    return 0;
-}
-
 int uwb_steer_maps(const char *ifname, void *req, size_t size, void *rsp)
 {
     auto *buf = static_cast<uint8_t *>(req);

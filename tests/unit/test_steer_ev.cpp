@@ -133,20 +133,4 @@ TEST_F(SevTest, PollTranslatesItsEventsToTheLibraryBitsOneWay)
     EXPECT_EQ(seen.calls, 1);
 }
 
-void noop(void *) {}
-void noop_poll(int, int, void *) {}
-
-TEST_F(SevTest, BrokenPreconditionsAbortWithTheirExpression)
-{
-    EXPECT_DEATH(sev_new_timer(0, noop, nullptr), "Assertion failed, 'expires > 0' is not satisfied!!!\n   at steer_ev.cpp:[0-9]+ sev_new_timer");
-    EXPECT_DEATH(sev_new_timer(1, nullptr, nullptr), "'cb' is not satisfied");
-    EXPECT_DEATH(sev_del_timer(nullptr), "'timer' is not satisfied");
-    EXPECT_DEATH(sev_timeout(-1, noop, nullptr), "'expires >= 0' is not satisfied");
-    EXPECT_DEATH(sev_timeout(0, nullptr, nullptr), "'cb' is not satisfied");
-    EXPECT_DEATH(sev_new_poll(-1, SEV_READ, noop_poll, nullptr), "'fd >= 0' is not satisfied");
-    EXPECT_DEATH(sev_new_poll(3, 0, noop_poll, nullptr), "'events > 0' is not satisfied");
-    EXPECT_DEATH(sev_new_poll(3, SEV_READ, nullptr, nullptr), "'cb' is not satisfied");
-    EXPECT_DEATH(sev_del_poll(nullptr), "'poll' is not satisfied");
-}
-
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <regex>
+#include <set>
 
 #include "fake_cm.h"
 #include "fake_platform.h"
@@ -43,29 +44,6 @@ void on_disassoc(ssta_status_t *sta, sap_bss_t *bss)
     s_trace.push_back("disassoc " + short_mac(sta) + " " + std::to_string(bss->bss_index));
 }
 bool on_check(ssta_status_t *, bool mem_stress) { return mem_stress ? s_replaceable : s_keep; }
-
-sap_radio_t s_radio2 = {MAPS_2G, 6, 0, 0, 1, {}, nullptr};
-sap_radio_t s_radio5 = {MAPS_5L, 36, 0, 0, 2, {}, nullptr};
-
-// This node: ESS "herd" with BSS 1 (wl0, 2.4 GHz) and BSS 2 (wl1, 5 GHz).
-void build_node()
-{
-    g_self = sap_node_t{};
-    g_self.radios[1] = s_radio2;
-    g_self.radios[2] = s_radio5;
-    snprintf(g_self.ess[0].essid, sizeof(g_self.ess[0].essid), "herd");
-    const char *names[] = {"wl0", "wl1"};
-    for (int i = 0; i < 2; i++) {
-        sap_bss_t &b = g_self.ess[0].bss[i];
-        b.bss_index = (uint8_t)(i + 1);
-        b.bssid[0] = 0x02;
-        b.bssid[5] = (uint8_t)(i + 1);
-        snprintf(b.ifname, sizeof(b.ifname), "%s", names[i]);
-        b.radio = &g_self.radios[i + 1];
-        b.ess = &g_self.ess[0];
-        g_self.managed_bss[i + 1] = &b;
-    }
-}
 
 maps_msg_sta_t sta_event(const uint8_t *mac, uint8_t bss, int8_t rssi, uint8_t sta_num = 1)
 {
@@ -124,7 +102,7 @@ protected:
         fake_cm_reset();
         fake_platform_reset();
         fake_uwb_reset();
-        build_node();
+        build_node(g_self);
         slog_set_level(nullptr, SLOG_INFO);
         smsg_init();
         snei_init();
@@ -147,6 +125,7 @@ protected:
         fake_cm_advance(90);
         EXPECT_EQ(ssta_get_count(), 0);
         ssta_exit();
+        receive(PEER, "SNEI_EXIT", "{}");
         snei_exit();
         fake_cm_reset();
         unsetenv("BANDHERD_CONF");
@@ -180,31 +159,70 @@ TEST_F(SstaTest, JoinStatusAndLeaveDriveTheRecordAndItsCallbacks)
     EXPECT_EQ(s_trace, (std::vector<std::string>{"init 01", "assoc 01 1", "status 01", "disassoc 01 1"}));
 }
 
-TEST_F(SstaTest, SecondBssOfThisNodeKicksTheStationFromTheFirst)
+std::string kick(const char *ifname, const uint8_t *mac)
 {
-    deliver(MAPS_EV_STA_JOIN, sta_event(STA_A, 1, -60));
-    deliver(MAPS_EV_STA_JOIN, sta_event(STA_A, 2, -50));
-    EXPECT_EQ(fake_uwb_calls("kick_sta"), (std::vector<std::string>{"kick_sta wl0 02:aa:00:00:00:01"}));
-    EXPECT_EQ(s_trace, (std::vector<std::string>{"init 01", "assoc 01 1", "disassoc 01 1", "assoc 01 2"}));
-    EXPECT_EQ(ssta_find(STA_A)->bss_index, 2);
-
-    // The late leave of the first BSS changes nothing but its count.
-    log_capture log;
-    deliver(MAPS_EV_STA_LEAVE, sta_event(STA_A, 1, -50, 0));
-    EXPECT_TRUE(ssta_find(STA_A)->associated);
-    EXPECT_EQ(sap_get_bss(1)->sta_num, 0);
-    EXPECT_NE(log.text().find("disassociate bss1(wl0)"), std::string::npos);
+    char text[64];
+    snprintf(text, sizeof(text), "kick_sta %s " MAC_FMT, ifname, MAC_ARG(mac));
+    return text;
 }
 
-TEST_F(SstaTest, WithoutRoamKickTheOldBssIsOnlyLeft)
+TEST_F(SstaTest, StationSeenOnAnotherBssIsKickedFromItsOldOneOnlyWithRoamKick)
 {
-    conf_file conf("bandherd.roam_kick=0\n");
-    ssta_exit();
-    ssta_init();
-    deliver(MAPS_EV_STA_JOIN, sta_event(STA_A, 1, -60));
-    deliver(MAPS_EV_STA_JOIN, sta_event(STA_A, 2, -50));
-    EXPECT_TRUE(fake_uwb_calls("kick_sta").empty());
-    EXPECT_EQ(s_trace, (std::vector<std::string>{"init 01", "assoc 01 1", "disassoc 01 1", "assoc 01 2"}));
+    peer_heartbeat();
+    for (bool roam_kick : {true, false}) {
+        conf_file conf(roam_kick ? "bandherd.roam_kick=1\n" : "bandherd.roam_kick=0\n");
+        ssta_exit();
+        ssta_init();
+        g_fake_uwb.calls.clear();
+        s_trace.clear();
+        const uint8_t *mac = roam_kick ? STA_A : STA_B;
+        std::string id = roam_kick ? "01" : "02";
+        deliver(MAPS_EV_STA_JOIN, sta_event(mac, 1, -60));
+        deliver(MAPS_EV_STA_JOIN, sta_event(mac, 2, -50));
+        EXPECT_EQ(s_trace, (std::vector<std::string>{"init " + id, "assoc " + id + " 1", "disassoc " + id + " 1",
+                                                     "assoc " + id + " 2"}));
+        // Then it shows up on the neighbour.
+        g_time = 500;
+        associate_msg(mac, 1, 1);
+        EXPECT_EQ(ssta_find(mac)->last_assoc, 500u);
+        EXPECT_TRUE(ssta_find(mac)->associated);  // until the driver's leave event
+        EXPECT_EQ(ssta_find(mac)->bss_index, 2);
+        std::vector<std::string> kicks;
+        if (roam_kick)
+            kicks = {kick("wl0", mac), kick("wl1", mac)};
+        EXPECT_EQ(fake_uwb_calls("kick_sta"), kicks) << "roam_kick " << roam_kick;
+    }
+}
+
+void announcements()
+{
+    weft_listener weft;
+    ASSERT_EQ(snei_get_cnt(), 0);
+    deliver(MAPS_EV_STA_JOIN, sta_event(STA_B, 1, -60));
+    EXPECT_TRUE(weft.take().empty());  // nobody to tell yet
+    peer_heartbeat();
+
+    deliver(MAPS_EV_STA_JOIN, sta_event(STA_A, 1, -60, 1));
+    deliver(MAPS_EV_STA_JOIN, sta_event(STA_A, 2, -50, 1));
+    // The late leave of the first BSS changes its count and is told, but the station stays on the second.
+    deliver(MAPS_EV_STA_LEAVE, sta_event(STA_A, 1, -50, 0));
+    EXPECT_EQ(weft.take_messages(),
+              (std::vector<std::string>{R"(SSTA_ASSOCIATE {"sta":"02:aa:00:00:00:01","associated":1,"bss":1})",
+                                        R"(SSTA_ASSOCIATE {"sta":"02:aa:00:00:00:01","associated":1,"bss":2})",
+                                        R"(SSTA_ASSOCIATE {"sta":"02:aa:00:00:00:01","associated":0,"bss":1})"}));
+    EXPECT_TRUE(ssta_find(STA_A)->associated);
+    EXPECT_EQ(ssta_find(STA_A)->bss_index, 2);
+    EXPECT_EQ(sap_get_bss(1)->sta_num, 0);
+
+    deliver(MAPS_EV_STA_LEAVE, sta_event(STA_A, 2, -50, 0));
+    EXPECT_EQ(weft.take_messages(),
+              (std::vector<std::string>{R"(SSTA_ASSOCIATE {"sta":"02:aa:00:00:00:01","associated":0,"bss":2})"}));
+    EXPECT_FALSE(ssta_find(STA_A)->associated);
+}
+
+TEST_F(SstaTest, JoinsAndLeavesAreToldToTheNeighbours)
+{
+    EXPECT_SANDBOXED(SANDBOX_VAR, announcements);
 }
 
 TEST_F(SstaTest, BandAndStatusEventsAndTheirBss)
@@ -283,47 +301,40 @@ TEST_F(SstaTest, CollectionFreesWhatIsNoLongerWanted)
     EXPECT_EQ(s_trace.back(), "fini 02");
 }
 
-uint32_t bucket_of(const uint8_t *mac)
-{
-    uint32_t h = 0;
-    for (int i = 0; i < 6; i++)
-        h = h * 13131 + mac[i];
-    return h & 63;
-}
+struct walk {
+    std::set<std::array<uint8_t, 6>> seen;
+    size_t calls = 0, stop_at = 0;
+};
 
 bool collect(ssta_status_t *sta, void *data)
 {
-    static_cast<std::vector<const uint8_t *> *>(data)->push_back(sta->mac);
-    return false;
+    auto *w = static_cast<walk *>(data);
+    std::array<uint8_t, 6> mac;
+    memcpy(mac.data(), sta->mac, 6);
+    w->seen.insert(mac);
+    return ++w->calls == w->stop_at;
 }
 
-TEST_F(SstaTest, IterationFollowsHashBucketsNewestFirst)
+TEST_F(SstaTest, IterationVisitsEveryRecordOnceUntilTheCallbackStops)
 {
-    std::vector<std::array<uint8_t, 6>> macs;
-    for (int i = 0; i < 40; i++)
-        macs.push_back({0x02, 0xcc, 0, 0, (uint8_t)(i * 7), (uint8_t)(i * 13)});
-    for (auto &m : macs)
-        ssta_new(m.data());
-    std::vector<const uint8_t *> seen;
-    ssta_iterate(collect, &seen);
-    ASSERT_EQ(seen.size(), macs.size());
-    for (size_t i = 1; i < seen.size(); i++) {
-        uint32_t a = bucket_of(seen[i - 1]), b = bucket_of(seen[i]);
-        EXPECT_LE(a, b);
-        if (a == b) {
-            // Within a bucket, the later record comes first.
-            auto pos = [&](const uint8_t *m) {
-                for (size_t k = 0; k < macs.size(); k++)
-                    if (memcmp(macs[k].data(), m, 6) == 0)
-                        return k;
-                return macs.size();
-            };
-            EXPECT_GT(pos(seen[i - 1]), pos(seen[i]));
-        }
+    std::set<std::array<uint8_t, 6>> macs;
+    for (int i = 0; i < 50; i++) {
+        std::array<uint8_t, 6> m = {0x02, 0xcc, 0, 0, (uint8_t)(i * 7), (uint8_t)(i * 13)};
+        ssta_status_t *sta = ssta_new(m.data());
+        ASSERT_NE(sta, nullptr);
+        macs.insert(m);
+        EXPECT_EQ(ssta_find(m.data()), sta);
     }
+    walk all, part;
+    ssta_iterate(collect, &all);
+    EXPECT_EQ(all.calls, 50u);
+    EXPECT_EQ(all.seen, macs);
+    part.stop_at = 7;
+    ssta_iterate(collect, &part);
+    EXPECT_EQ(part.calls, 7u);
 }
 
-TEST_F(SstaTest, AssociationsOnOtherNodesKeepTheirCountsAndKickTwins)
+TEST_F(SstaTest, AssociationsOnOtherNodesKeepTheirCounts)
 {
     peer_heartbeat();
     ASSERT_EQ(snei_get_cnt(), 1);
@@ -345,14 +356,6 @@ TEST_F(SstaTest, AssociationsOnOtherNodesKeepTheirCountsAndKickTwins)
     EXPECT_NE(text.find("invalid bss index 0"), std::string::npos);
     EXPECT_NE(text.find("invalid bss index 32"), std::string::npos);
     EXPECT_NE(text.find("wrong sta number of BSS1 in NODE 02:00:00:00:0b:00"), std::string::npos);
-
-    // A station associated here that shows up on the neighbour is kicked here.
-    deliver(MAPS_EV_STA_JOIN, sta_event(STA_A, 2, -60));
-    g_time = 500;
-    associate_msg(STA_A, 1, 1);
-    EXPECT_EQ(fake_uwb_calls("kick_sta"), (std::vector<std::string>{"kick_sta wl1 02:aa:00:00:00:01"}));
-    EXPECT_EQ(ssta_find(STA_A)->last_assoc, 500u);
-    EXPECT_TRUE(ssta_find(STA_A)->associated);  // until the driver's leave event
 }
 
 }  // namespace
