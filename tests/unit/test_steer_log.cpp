@@ -111,12 +111,9 @@ TEST(SlogOutput, TerminalGetsColourAndNameFileGetsNeither)
 {
     int master, slave;
     char name[64];
-    ASSERT_EQ(openpty(&master, &slave, name, nullptr, nullptr), 0);
-    struct termios tio;
-    tcgetattr(slave, &tio);
-    cfmakeraw(&tio);
-    tcsetattr(slave, TCSANOW, &tio);
-
+    struct termios raw = {};
+    cfmakeraw(&raw);
+    ASSERT_EQ(openpty(&master, &slave, name, &raw, nullptr), 0);
     slog_set_print_time(false);
     ASSERT_EQ(slog_set_path(name), 0);
     slog_log(SLOG_WARNING, "careful");
@@ -132,22 +129,17 @@ TEST(SlogOutput, TerminalGetsColourAndNameFileGetsNeither)
         got.append(buf, (size_t)n);
     close(master);
     close(slave);
-    EXPECT_EQ(got,
-              "\033[33mbandherd: warning careful\033[0m\n"
-              "\033[31mbandherd: error broken\n\033[0m"
-              "bandherd: info fine\n");
+    EXPECT_EQ(got, "\033[33mbandherd: warning careful\033[0m\n\033[31mbandherd: error broken\n\033[0mbandherd: info fine\n");
 }
 
 TEST(SlogOutput, FileOverItsSizeIsCutToItsNewestHalfBeforeTheNextLine)
 {
     temp_dir dir;
-    std::string big = dir.file("big.log"), full = dir.file("full.log");
-    std::string old;
+    std::string big = dir.file("big.log"), full = dir.file("full.log"), old;
     for (int i = 0; i < 1001; i++)
         old += (char)('a' + i % 26);
     write_file(big, old);
     write_file(full, std::string(1000, 'x'));
-
     slog_set_print_time(false);
     slog_set_size(1000);
     ASSERT_EQ(slog_set_path(big.c_str()), 0);
@@ -158,7 +150,6 @@ TEST(SlogOutput, FileOverItsSizeIsCutToItsNewestHalfBeforeTheNextLine)
     slog_set_size(0);
     slog_set_path("stdout");
     slog_set_print_time(true);
-
     EXPECT_EQ(read_file(big), old.substr(501) + "info next\ninfo again\n");
     EXPECT_EQ(read_file(full), std::string(1000, 'x') + "info x\n");
     // Nothing else is left in the directory: the temporary copy is gone.

@@ -16,12 +16,6 @@ std::vector<std::string> s_events;
 void on_online(sap_node_t *node) { s_events.push_back("online " + std::to_string(node->node_id[5])); }
 void on_offline(sap_node_t *node) { s_events.push_back("offline " + std::to_string(node->node_id[5])); }
 
-void receive(const uint8_t *sa, const char *type, const std::string &json)
-{
-    std::vector<uint8_t> msg = mesh_message(sa, MAC_BCAST, type, json);
-    smsg_recv_handler(msg.data(), msg.size());
-}
-
 std::string heartbeat(const std::string &essid = "herd", int radios = 2, int hop = 1, int bss_radio = 2)
 {
     std::string radio_list;
@@ -62,7 +56,7 @@ protected:
     {
         // Every neighbour says goodbye.
         for (int i = 0; i < 40; i++)
-            receive(node_mac(i), "SNEI_EXIT", "{}");
+            mesh_receive(node_mac(i), "SNEI_EXIT", "{}");
         EXPECT_EQ(snei_get_cnt(), 0);
         snei_exit();
         fake_cm_reset();
@@ -71,36 +65,29 @@ protected:
 
 TEST_F(SneiTest, HeartbeatCreatesAndRefreshesTheNeighbourRecord)
 {
-    receive(node_mac(1), "SNEI_HEARTBEAT", heartbeat());
-    ASSERT_EQ(snei_get_cnt(), 1);
+    mesh_receive(node_mac(1), "SNEI_HEARTBEAT", heartbeat());
     sap_node_t *node = snei_find(node_mac(1));
     ASSERT_NE(node, nullptr);
-    EXPECT_EQ(node->link_rate2mpp, 433);
-    EXPECT_FALSE(node->is_mpp);
-    EXPECT_EQ(node->hop, 1);
-    EXPECT_EQ(node->time_stamp, 1000);
+    EXPECT_EQ(std::make_tuple(node->link_rate2mpp, node->is_mpp, node->hop, node->time_stamp),
+              std::make_tuple(433, false, 1, 1000L));
     EXPECT_STREQ(node->ess[0].essid, "herd");
     EXPECT_EQ(node->radios[2].channel, 6);
     EXPECT_EQ(node->radios[2].radio_index, 2);
-    sap_bss_t *bss = node->managed_bss[2];
-    ASSERT_NE(bss, nullptr);
+    sap_node_t *found = nullptr;
+    sap_bss_t *bss = nullptr;
+    const uint8_t bssid[6] = {0x02, 0, 0, 0, 0x0b, 0x02};
+    EXPECT_EQ(snei_find_bss(bssid, &found, &bss), 0);
+    ASSERT_EQ(found, node);
+    EXPECT_EQ(bss, node->managed_bss[2]);
     EXPECT_STREQ(bss->ifname, "wl1");
     EXPECT_EQ(bss->sta_max, 64);
     EXPECT_EQ(bss->radio, &node->radios[2]);
     EXPECT_EQ(bss->ess, &node->ess[0]);
 
-    sap_node_t *found = nullptr;
-    sap_bss_t *found_bss = nullptr;
-    const uint8_t bssid[6] = {0x02, 0, 0, 0, 0x0b, 0x02};
-    EXPECT_EQ(snei_find_bss(bssid, &found, &found_bss), 0);
-    EXPECT_EQ(found, node);
-    EXPECT_EQ(found_bss, bss);
-
     g_time = 1020;
-    receive(node_mac(1), "SNEI_HEARTBEAT", heartbeat("herd", 2, 3));
+    mesh_receive(node_mac(1), "SNEI_HEARTBEAT", heartbeat("herd", 2, 3));
     EXPECT_EQ(snei_get_cnt(), 1);
-    EXPECT_EQ(node->hop, 3);
-    EXPECT_EQ(node->time_stamp, 1020);
+    EXPECT_EQ(std::make_pair(node->hop, node->time_stamp), std::make_pair(3, 1020L));
     EXPECT_EQ(node->managed_bss[2], bss);  // the same slot again
     EXPECT_EQ(s_events, (std::vector<std::string>{"online 1"}));
 }
@@ -108,10 +95,10 @@ TEST_F(SneiTest, HeartbeatCreatesAndRefreshesTheNeighbourRecord)
 TEST_F(SneiTest, SixteenNeighboursAreKeptInArrivalOrderAndTheSeventeenthRefused)
 {
     for (int i = 1; i <= 16; i++)
-        receive(node_mac(i), "SNEI_HEARTBEAT", heartbeat());
+        mesh_receive(node_mac(i), "SNEI_HEARTBEAT", heartbeat());
     EXPECT_EQ(snei_get_cnt(), 16);
     log_capture log;
-    receive(node_mac(17), "SNEI_HEARTBEAT", heartbeat());
+    mesh_receive(node_mac(17), "SNEI_HEARTBEAT", heartbeat());
     EXPECT_EQ(snei_get_cnt(), 16);
     EXPECT_EQ(snei_find(node_mac(17)), nullptr);
     EXPECT_EQ(log.plain(), "error snei_new, too many neighbors, support 15 at most\n"
@@ -133,16 +120,16 @@ TEST_F(SneiTest, MalformedHeartbeatsRemoveTheSenderAndAHeartbeatWithoutEssesKeep
         {heartbeat("herd", 2, 1, 0), "invalid radio_index 0"},
     };
     for (const auto &c : cases) {
-        receive(node_mac(1), "SNEI_HEARTBEAT", heartbeat());
+        mesh_receive(node_mac(1), "SNEI_HEARTBEAT", heartbeat());
         s_events.clear();
         log_capture log;
-        receive(node_mac(1), "SNEI_HEARTBEAT", c.text);
+        mesh_receive(node_mac(1), "SNEI_HEARTBEAT", c.text);
         EXPECT_EQ(snei_get_cnt(), 0) << c.log;
         EXPECT_NE(log.text().find(c.log), std::string::npos) << log.text();
         EXPECT_EQ(s_events, (std::vector<std::string>{"offline 1"}));
     }
 
-    receive(node_mac(2), "SNEI_HEARTBEAT",
+    mesh_receive(node_mac(2), "SNEI_HEARTBEAT",
             R"({"is_mpp":1,"link_rate2mpp":5,"hop":0,"radio":[{"work_band":2,"channel":1,"load":0,"sta_num":0}]})");
     sap_node_t *node = snei_find(node_mac(2));
     ASSERT_NE(node, nullptr);
@@ -153,11 +140,11 @@ TEST_F(SneiTest, MalformedHeartbeatsRemoveTheSenderAndAHeartbeatWithoutEssesKeep
 
 TEST_F(SneiTest, SilentNeighbourIsAgedAfter45SecondsAndExitRemovesAtOnce)
 {
-    receive(node_mac(1), "SNEI_HEARTBEAT", heartbeat());
-    receive(node_mac(2), "SNEI_HEARTBEAT", heartbeat());
+    mesh_receive(node_mac(1), "SNEI_HEARTBEAT", heartbeat());
+    mesh_receive(node_mac(2), "SNEI_HEARTBEAT", heartbeat());
     log_capture log;
-    receive(node_mac(2), "SNEI_EXIT", "{}");
-    receive(node_mac(2), "SNEI_EXIT", "{}");
+    mesh_receive(node_mac(2), "SNEI_EXIT", "{}");
+    mesh_receive(node_mac(2), "SNEI_EXIT", "{}");
     EXPECT_EQ(log.plain(), "info snei_del, neighbor 02:00:00:00:10:02 is offline\n"
                            "info snei_exit_recv, can't find neigbor 02:00:00:00:10:02\n");
     g_time = 1045;
@@ -172,18 +159,13 @@ TEST_F(SneiTest, SilentNeighbourIsAgedAfter45SecondsAndExitRemovesAtOnce)
 TEST(SneiSameNode, AddressBlockOfOneNode)
 {
     const uint8_t base[6] = {0x02, 0x00, 0x00, 0x00, 0x0a, 0x00};
-    const struct {
-        uint8_t wlan[6];
-        bool same;
-    } cases[] = {
-        {{0x02, 0x00, 0x00, 0x00, 0x0a, 0x00}, true},
-        {{0x7e, 0x11, 0x00, 0x00, 0x0a, 0x0f}, true},  // only bytes 2 to 5 count
-        {{0x02, 0x00, 0x00, 0x00, 0x0a, 0x10}, false},
-        {{0x02, 0x00, 0x00, 0x00, 0x09, 0xff}, false},
-        {{0x02, 0x00, 0x01, 0x00, 0x0a, 0x00}, false},
-    };
-    for (const auto &c : cases)
-        EXPECT_EQ(snei_same_node(base, c.wlan), c.same) << (int)c.wlan[2] << " " << (int)c.wlan[4] << " " << (int)c.wlan[5];
+    // Only bytes 2 to 5 count: 16 addresses from the base.
+    for (auto [wlan, same] : {std::pair<const char *, bool>{"02:00:00:00:0a:00", true}, {"7e:11:00:00:0a:0f", true},
+                              {"02:00:00:00:0a:10", false}, {"02:00:00:00:09:ff", false}, {"02:00:01:00:0a:00", false}}) {
+        uint8_t mac[6];
+        mac_scan(wlan, mac);
+        EXPECT_EQ(snei_same_node(base, mac), same) << wlan;
+    }
 }
 
 TEST(SneiInit, PortalAddressMustScan)

@@ -51,9 +51,7 @@ TEST_F(SvenTest, BandFollowsTheChannelListInTableOrder)
         {{1, 240}, 1, 0xff},
     };
     for (const auto &c : cases) {
-        fake_uwb_vap vap;
-        vap.channels = c.channels;
-        g_fake_uwb.vaps["wl0"] = vap;
+        g_fake_uwb.vaps["wl0"].channels = c.channels;
         uint8_t band = 0xff;
         EXPECT_EQ(sven_get_bandtype_by_chanlist("wl0", c.channel, &band), 0);
         EXPECT_EQ(band, c.band) << "channel " << (int)c.channel << " of " << c.channels.size();
@@ -66,10 +64,8 @@ TEST_F(SvenTest, VapNeedsAConfigNameAndApMode)
 {
     const char *modes[] = {"AP", "STA", ""};
     for (int i = 0; i < 3; i++) {
-        fake_uwb_vap vap;
-        vap.os_ifname = "wlan" + std::to_string(i);
-        vap.mode = modes[i];
-        g_fake_uwb.vaps["wl" + std::to_string(i)] = vap;
+        g_fake_uwb.vaps["wl" + std::to_string(i)].os_ifname = "wlan" + std::to_string(i);
+        g_fake_uwb.vaps["wl" + std::to_string(i)].mode = modes[i];
     }
     log_capture log;
     char name[16];
@@ -147,45 +143,34 @@ TEST_F(SvenTest, NeighbourRemovalKeeps6GhzUnlessAsked)
     EXPECT_EQ(fake_uwb_calls("del_rrm_neighbor").size(), 3u);
 }
 
-// A "SAP_INFO" as the mesh daemon sends it.
-void receive_sap_info(const char *mac, int hop)
-{
-    smsg_dict_t *root = smsg_new_root();
-    smsg_put_string(root, "mac", mac);
-    if (hop >= 0)
-        smsg_put_int(root, "hopcont", hop);
-    const uint8_t da[6] = {}, sa[6] = {};
-    sven_info_recv(da, sa, "SAP_INFO", root);
-    smsg_del_root(root);
-}
-
 TEST_F(SvenTest, UplinkRateAndHopComeFromTheBackhaulAndSapInfo)
 {
-    receive_sap_info("02:aa:00:00:00:01", 2);
-    g_fake_uwb.bssid = "02:aa:00:00:00:09";
     g_fake_uwb.link_rate = 866;
-
-    uint8_t mpp[6] = {}, uplink[6] = {};
-    int rate = 0, hop = 0;
-    auto same = [](const uint8_t *, const uint8_t *) { return false; };
-    EXPECT_EQ(sven_get_uplink_rate("bh0", mpp, same, uplink, &rate, &hop), 0);
-    EXPECT_EQ(rate, 866);
-    EXPECT_EQ(hop, 2);
-    const uint8_t expected[6] = {0x02, 0xaa, 0, 0, 0, 9};
-    EXPECT_TRUE(mac_equal(uplink, expected));
-
-    // Without "hopcont" the hop count is 0 again.
-    receive_sap_info("02:aa:00:00:00:01", -1);
-    EXPECT_EQ(sven_get_uplink_rate("bh0", mpp, same, uplink, &rate, &hop), 0);
-    EXPECT_EQ(hop, 0);
-
-    // No uplink BSSID: the rate stays as the caller had it, and so no hop without a rate.
-    g_fake_uwb.bssid = "00:00:00:00:00:00";
-    rate = 0;
-    receive_sap_info("02:aa:00:00:00:01", 3);
-    EXPECT_EQ(sven_get_uplink_rate("bh0", mpp, same, uplink, &rate, &hop), 0);
-    EXPECT_EQ(rate, 0);
-    EXPECT_EQ(hop, 0);
+    const struct {
+        const char *uplink;  // the backhaul's BSSID
+        int hopcont;         // in "SAP_INFO"; -1: left out
+        int rate, hop;
+    } cases[] = {
+        {"02:aa:00:00:00:09", 2, 866, 2},
+        {"02:aa:00:00:00:09", -1, 866, 0},
+        {"00:00:00:00:00:00", 3, 0, 0},  // no uplink: the rate stays as the caller had it, and no hop without one
+    };
+    for (const auto &c : cases) {
+        smsg_dict_t *root = smsg_new_root();
+        smsg_put_string(root, "mac", "02:aa:00:00:00:01");
+        if (c.hopcont >= 0)
+            smsg_put_int(root, "hopcont", c.hopcont);
+        sven_info_recv(g_self.node_id, g_self.node_id, "SAP_INFO", root);
+        smsg_del_root(root);
+        g_fake_uwb.bssid = c.uplink;
+        uint8_t uplink[6] = {}, expected[6];
+        int rate = 0, hop = 0;
+        auto same = [](const uint8_t *, const uint8_t *) { return false; };
+        EXPECT_EQ(sven_get_uplink_rate("bh0", g_self.node_id, same, uplink, &rate, &hop), 0);
+        EXPECT_EQ(std::make_pair(rate, hop), std::make_pair(c.rate, c.hop)) << c.uplink << " " << c.hopcont;
+        mac_scan(c.uplink, expected);
+        EXPECT_TRUE(mac_equal(uplink, expected));
+    }
 }
 
 TEST_F(SvenTest, BssLoadIsRaisedForATransitionRequestAndClearedAfterIt)

@@ -9,8 +9,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cjson/cJSON.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -66,7 +64,11 @@ log_capture::~log_capture()
 
 std::string log_capture::plain() const
 {
-    return std::regex_replace(text(), std::regex("(\\w):[0-9]+, "), "$1, ");
+    std::istringstream in(text());
+    std::string line, out;
+    while (std::getline(in, line))
+        out += std::regex_replace(line, std::regex("^(\\w+ \\w+):[0-9]+, "), "$1, ") + "\n";
+    return out;
 }
 
 void log_to_stderr()
@@ -170,20 +172,13 @@ std::vector<std::vector<uint8_t>> weft_listener::take()
 
 std::vector<std::string> weft_listener::take_messages()
 {
-    // 3 bytes of transport header, sa, da, the type in 32 bytes, the JSON text.
+    // The transport header (3 bytes) and the envelope (44), then the JSON text.
     std::vector<std::string> out;
-    for (std::vector<uint8_t> &m : take()) {
-        m.push_back(0);
-        if (m.size() < 3 + 44) {
-            out.push_back("(short)");
-            continue;
-        }
-        std::string type(reinterpret_cast<char *>(m.data()) + 15, strnlen(reinterpret_cast<char *>(m.data()) + 15, 32));
-        cJSON *root = cJSON_Parse(reinterpret_cast<char *>(m.data()) + 47);
-        char *text = root ? cJSON_PrintUnformatted(root) : nullptr;
-        out.push_back(type + " " + (text ? text : "(not JSON)"));
-        cJSON_free(text);
-        cJSON_Delete(root);
+    for (const std::vector<uint8_t> &m : take()) {
+        const char *bytes = reinterpret_cast<const char *>(m.data());
+        std::string text(bytes + std::min<size_t>(m.size(), 47), bytes + m.size());
+        std::erase_if(text, [](char c) { return isspace(c) || c == '\0'; });
+        out.push_back(m.size() < 47 ? "(short)" : std::string(bytes + 15, strnlen(bytes + 15, 32)) + " " + text);
     }
     return out;
 }
