@@ -101,7 +101,6 @@ void fake_cm_advance(int seconds)
 double fake_cm_now() { return s_now; }
 int fake_cm_timers() { return count_entries(true); }
 int fake_cm_timeouts() { return count_entries(false); }
-int fake_cm_polls() { return (int)s_polls.size(); }
 
 bool fake_cm_fire_poll(int fd, int bits)
 {

@@ -67,11 +67,6 @@ extern "C" {
 int uwb_get_os_ifname(const char *ifname, char *osif, int size)
 {
     g_fake_uwb.os_ifname_calls++;
-    auto it = g_fake_uwb.os_ifname.find(ifname);
-    if (it != g_fake_uwb.os_ifname.end()) {
-        snprintf(osif, (size_t)size, "%s", it->second.c_str());
-        return 0;
-    }
     return with_vap(ifname, [&](fake_uwb_vap &v) { snprintf(osif, (size_t)size, "%s", v.os_ifname.c_str()); });
 }
 

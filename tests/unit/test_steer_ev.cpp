@@ -75,23 +75,4 @@ TEST_F(SevTest, InitStartsTheOneSecondClockAndExitStopsIt)
     sev_exit();  // twice is harmless
 }
 
-std::vector<std::pair<int, int>> s_polled;  // descriptor and readiness of each callback
-
-void record_poll(int fd, int events, void *) { s_polled.emplace_back(fd, events); }
-
-TEST_F(SevTest, PollTranslatesItsEventsToTheLibraryBitsOneWay)
-{
-    sev_poll_t *r = sev_new_poll(7, SEV_READ, record_poll, nullptr);
-    sev_poll_t *rw = sev_new_poll(8, SEV_READ | SEV_WRITE, record_poll, nullptr);
-    sev_poll_t *w = sev_new_poll(9, SEV_WRITE, record_poll, nullptr);
-    EXPECT_EQ(fake_cm_poll_events(7), CM_POLL_READ);
-    EXPECT_EQ(fake_cm_poll_events(8), CM_POLL_READ | CM_POLL_WRITE);
-    EXPECT_EQ(fake_cm_poll_events(9), CM_POLL_WRITE);
-    ASSERT_TRUE(fake_cm_fire_poll(8, CM_POLL_READ));  // the callback gets the library's bits as they come
-    for (sev_poll_t *p : {r, rw, w})
-        sev_del_poll(p);
-    EXPECT_FALSE(fake_cm_fire_poll(8, CM_POLL_READ));
-    EXPECT_EQ(s_polled, (std::vector<std::pair<int, int>>{{8, 1}}));
-}
-
 }  // namespace

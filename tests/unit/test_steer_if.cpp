@@ -15,23 +15,6 @@ protected:
     void SetUp() override { fake_uwb_reset(); }
 };
 
-TEST_F(SifTest, WifiNameIsReadThroughItsKernelNameAndFailuresAreLogged)
-{
-    g_fake_uwb.os_ifname["wifi-cfg0"] = "lo";
-    log_capture log;
-    uint8_t mac[6] = {1, 2, 3, 4, 5, 6};
-    EXPECT_EQ(sif_get_mac("wifi-cfg0", mac), 0);
-    EXPECT_TRUE(mac_is_zero(mac));  // lo's address
-    EXPECT_EQ(sif_get_mac("wifi-unknown", mac), -1);
-    // A bridge is never translated, even when it does not exist.
-    EXPECT_EQ(sif_get_mac("br-none", mac), -1);
-    EXPECT_EQ(g_fake_uwb.os_ifname_calls, 2);
-    EXPECT_FALSE(sif_is_up("nosuch0"));
-    EXPECT_EQ(log.plain(), "error sif_get_mac, wifi-unknown get osif failed\n"
-                           "error sif_get_mac, open /sys/class/net/br-none/address failed\n"
-                           "error sif_is_up, ioctl failed, ifname nosuch0\n");
-}
-
 bool collect(const char *ifname, void *data)
 {
     static_cast<std::set<std::string> *>(data)->insert(ifname);

