@@ -157,17 +157,17 @@ void end_to_end_rates()
         {"own load freed on the serving channel", -1, 0, 0, 36, 20, 300, 400, true, 0, 300},
         {"back-haul smaller", -1, 0, 0, 36, 20, 300, 100, true, 0, 100},
         {"two hops off the portal", -1, 0, 0, 44, 20, 300, 400, false, 2, 194},  // 240, 216, 194
-        {"unloaded backhaul: the link rate is not read", 0, 500, 0, 44, 20, 300, 400, true, 0, 240},
-        // 50 - 250 x 20 / 500 = 40 % backhaul load left: 500 x 60 %
-        {"station's own traffic off the backhaul", 50, 500, 250, 44, 0, 400, 500, true, 0, 300},
-        {"backhaul load not below 0", 50, 500, 2000, 44, 0, 600, 500, true, 0, 500},
-        {"backhaul load not above 99", 100, 500, 5, 44, 0, 600, 500, true, 0, 5},
+        {"unloaded backhaul: the link rate is not read", 0, 1000, 0, 44, 20, 300, 400, true, 0, 240},
+        // 50 - 500 x 20 / 1000 = 40 % backhaul load left: 500 x 60 %
+        {"station's own traffic off the backhaul", 50, 1000, 500, 44, 0, 400, 500, true, 0, 300},
+        {"backhaul load not below 0", 50, 1000, 4000, 44, 0, 600, 500, true, 0, 500},
+        {"backhaul load not above 99", 100, 1000, 5, 44, 0, 600, 500, true, 0, 5},
         {"no own rate to the portal: nothing taken off", 50, 0, 0, 44, 0, 400, 500, true, 0, 250},
-        {"invalid link rate", 50, 500, 0, 44, 0, 400, 500, true, 0, 0},
-        {"backhaul channel shares the medium", 50, 500, 250, 37, 20, 300, 500, true, 0, 133},  // 300 x 240 / 540
-        {"portal: no hop loss", 50, 500, 250, 44, 0, 400, 500, true, 2, 300},
-        {"no hop: no loss", 50, 500, 250, 44, 0, 400, 500, false, 0, 300},
-        {"three hops: 10 % each", 50, 500, 250, 44, 0, 400, 500, false, 3, 218},  // 300, 270, 243, 218
+        {"invalid link rate", 50, 1000, 0, 44, 0, 400, 500, true, 0, 0},
+        {"backhaul channel shares the medium", 50, 1000, 500, 37, 20, 300, 500, true, 0, 133},  // 300 x 240 / 540
+        {"portal: no hop loss", 50, 1000, 500, 44, 0, 400, 500, true, 2, 300},
+        {"no hop: no loss", 50, 1000, 500, 44, 0, 400, 500, false, 0, 300},
+        {"three hops: 10 % each", 50, 1000, 500, 44, 0, 400, 500, false, 3, 218},  // 300, 270, 243, 218
     };
     conf_file conf("bandherd.rate_rd_ratio=10\nbandherd.backhaul=bh0\n");
     build_node(g_self);

@@ -151,8 +151,9 @@ TEST_F(SstaTest, StationSeenOnAnotherBssIsKickedFromItsOldOneOnlyWithRoamKick)
         deliver(MAPS_EV_STA_JOIN, mac, 2, -50);  // another BSS here
         EXPECT_EQ(s_trace, (std::vector<std::string>{"init " + id, "assoc " + id + " 1", "disassoc " + id + " 1",
                                                      "assoc " + id + " 2"}));
+        associate_msg(mac, 0, 1);  // a leave there kicks nothing
         g_time = 500;
-        associate_msg(mac, 1, 1);  // then the neighbour's
+        associate_msg(mac, 1, 1);  // then it shows up on the neighbour
         EXPECT_EQ(ssta_find(mac)->last_assoc, 500u);
         EXPECT_TRUE(ssta_find(mac)->associated);  // until the driver's leave event
         EXPECT_EQ(ssta_find(mac)->bss_index, 2);
@@ -259,6 +260,8 @@ TEST_F(SstaTest, AssociationsOnOtherNodesKeepTheirCounts)
 {
     peer_heartbeat();
     sap_bss_t *nbss = snei_find(PEER)->managed_bss[1];
+    deliver(MAPS_EV_STA_JOIN, STA_B, 1, -60);
+    deliver(MAPS_EV_STA_LEAVE, STA_B, 1, -60);  // gone from here: nothing to kick
     log_capture log;
     associate_msg(STA_B, 1, 0);
     associate_msg(STA_B, 1, 32);
@@ -269,6 +272,7 @@ TEST_F(SstaTest, AssociationsOnOtherNodesKeepTheirCounts)
     EXPECT_EQ(nbss->sta_num, 2);
     associate_msg(STA_B, 0, 1);
     EXPECT_EQ(nbss->sta_num, 1);
+    EXPECT_TRUE(fake_uwb_calls("kick_sta").empty());
     std::string text = log.plain();
     EXPECT_NE(text.find("error ssta_msg_handler, invalid bss index 0\n"), std::string::npos) << text;
     EXPECT_NE(text.find("error ssta_msg_handler, invalid bss index 32\n"), std::string::npos) << text;
