@@ -165,9 +165,7 @@ int uwb_steer_maps(const char *ifname, void *req, size_t size, void *rsp)
     g_fake_uwb.maps.push_back({ifname, buf[MAPS_MAGIC_LEN], std::vector<uint8_t>(buf + 8, buf + size)});
     if (rsp != req)
         memcpy(rsp, req, size);
-    if (g_fake_uwb.steer_maps)
-        return g_fake_uwb.steer_maps(ifname, static_cast<uint8_t *>(rsp), size);
-    return 0;
+    return g_fake_uwb.steer_maps ? g_fake_uwb.steer_maps(ifname, static_cast<uint8_t *>(rsp), size) : 0;
 }
 
 }  // extern "C"

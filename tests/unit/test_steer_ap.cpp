@@ -95,7 +95,8 @@ void node_with_two_esses()
     }
     EXPECT_EQ(radios, (std::set<std::string>{"6 band2 wl0wl2", "149 band8 wl1"}));
     std::vector<std::string> added = commands(MAPS_CMD_ADD_RADIO);
-    EXPECT_EQ(std::set<std::string>(added.begin(), added.end()), (std::set<std::string>{"wl0 ch6", "wl1 ch149", "wl2 ch6"}));
+    EXPECT_EQ(std::set<std::string>(added.begin(), added.end()),
+              (std::set<std::string>{"wl0 ch6", "wl1 ch149", "wl2 ch6"}));
 
     // "wl0,wl1;wl2": indices 1, 2, 3 in that order, each configured with its ESS's radios.
     EXPECT_STREQ(g_self.ess[0].essid, "herd");

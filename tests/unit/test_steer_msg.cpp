@@ -91,9 +91,11 @@ TEST_F(SmsgTest, TypedGettersTellMissingOrWrongFields)
     smsg_put_int(smsg_list_append(list), "i", 2);
 
     log_capture log;
-    int err[3] = {5, 5, 5};
-    EXPECT_EQ(smsg_get_int(root, "n", &err[0]) + smsg_get_int(root, "s", &err[1]) + smsg_get_int(root, "x", &err[2]), 42);
-    EXPECT_EQ(std::vector<int>(err, err + 3), (std::vector<int>{0, -1, -1}));
+    std::vector<int> ints, err = {5, 5, 5};
+    for (const char *key : {"n", "s", "x"})
+        ints.push_back(smsg_get_int(root, key, &err[ints.size()]));
+    EXPECT_EQ(ints, (std::vector<int>{42, 0, 0}));
+    EXPECT_EQ(err, (std::vector<int>{0, -1, -1}));
     EXPECT_STREQ(smsg_get_string(root, "m"), "02:ab:00:00:00:0f");
     EXPECT_EQ(smsg_get_string(root, "n"), nullptr);
     uint8_t got[6] = {};

@@ -161,7 +161,8 @@ TEST(SneiSameNode, AddressBlockOfOneNode)
     const uint8_t base[6] = {0x02, 0x00, 0x00, 0x00, 0x0a, 0x00};
     // Only bytes 2 to 5 count: 16 addresses from the base.
     for (auto [wlan, same] : {std::pair<const char *, bool>{"02:00:00:00:0a:00", true}, {"7e:11:00:00:0a:0f", true},
-                              {"02:00:00:00:0a:10", false}, {"02:00:00:00:09:ff", false}, {"02:00:01:00:0a:00", false}}) {
+                              {"02:00:00:00:0a:10", false}, {"02:00:00:00:09:ff", false},
+                              {"02:00:01:00:0a:00", false}}) {
         uint8_t mac[6];
         mac_scan(wlan, mac);
         EXPECT_EQ(snei_same_node(base, mac), same) << wlan;

@@ -111,14 +111,16 @@ TEST_F(SrateDefaults, RateByCapabilitiesStreamsAndBand)
         sta.streams = c.streams;
         sap_radio_t radio = {};
         radio.work_band = c.band;
-        EXPECT_EQ(srate_get_rate_rssi(&sta, &radio, c.rssi), c.rate) << c.caps << " " << (int)c.streams << " " << c.band;
-        EXPECT_EQ(srate_get_sta_max_rate(&sta, &radio), c.max) << c.caps << " " << (int)c.streams << " " << c.band;
+        std::string row = std::to_string(c.caps) + " " + std::to_string(c.streams) + " " + std::to_string(c.band);
+        EXPECT_EQ(srate_get_rate_rssi(&sta, &radio, c.rssi), c.rate) << row;
+        EXPECT_EQ(srate_get_sta_max_rate(&sta, &radio), c.max) << row;
     }
     log_capture log;
     ssta_status_t sta = {};
     EXPECT_EQ(srate_get_rate_rssi(nullptr, &g_self.radios[1], -40), 0);
     EXPECT_EQ(srate_get_sta_max_rate(&sta, nullptr), 0);
-    EXPECT_EQ(log.plain(), "error srate_get_rate_rssi, invalid argument\nerror srate_get_sta_max_rate, invalid argument\n");
+    EXPECT_EQ(log.plain(),
+              "error srate_get_rate_rssi, invalid argument\nerror srate_get_sta_max_rate, invalid argument\n");
 }
 
 TEST_F(SrateDefaults, SharedMediumRate)
@@ -189,7 +191,7 @@ void end_to_end_rates()
         g_self.radios[3].load = (uint8_t)std::max(c.bh_load, 0);
         g_self.link_rate2mpp = c.self_rate;
         g_fake_uwb.link_rate = c.drv_rate;
-        sap_radio_t *radio = c.channel == 36 ? &target.radios[1] : c.channel == 37 ? &target.radios[2] : &target.radios[3];
+        sap_radio_t *radio = &target.radios[c.channel == 36 ? 1 : c.channel == 37 ? 2 : 3];
         radio->load = c.load;
         target.link_rate2mpp = c.rate2mpp;
         target.is_mpp = c.mpp;
@@ -199,7 +201,8 @@ void end_to_end_rates()
     log_capture log;
     sta.bss_index = 4;
     EXPECT_EQ(srate_evaluate_sta2mpp(&sta, &target, &target.radios[1], 300), 0);
-    EXPECT_EQ(log.plain(), "error sap_get_bss, NULL BSS4\nerror srate_evaluate_sta2mpp, NULL bss of 00:00:00:00:00:00\n");
+    EXPECT_EQ(log.plain(),
+              "error sap_get_bss, NULL BSS4\nerror srate_evaluate_sta2mpp, NULL bss of 00:00:00:00:00:00\n");
     snei_exit();
     srate_exit();
 }

@@ -52,7 +52,8 @@ void peer_heartbeat()
     mesh_receive(PEER, "SNEI_HEARTBEAT",
                  R"({"is_mpp":1,"link_rate2mpp":999999,"hop":0,"ess":[{"essid":"herd","index":0}],
                      "radio":[{"work_band":2,"channel":1,"load":0,"sta_num":0}],
-                     "bss":[{"bssid":"02:00:00:00:0b:01","sta_num":0,"sta_max":32,"radio":1,"ess":0,"ifname":"wl0"}]})");
+                     "bss":[{"bssid":"02:00:00:00:0b:01","sta_num":0,"sta_max":32,"radio":1,"ess":0,
+                             "ifname":"wl0"}]})");
 }
 
 void associate_msg(const uint8_t *mac, int associated, int bss)
@@ -276,7 +277,8 @@ TEST_F(SstaTest, AssociationsOnOtherNodesKeepTheirCounts)
     std::string text = log.plain();
     EXPECT_NE(text.find("error ssta_msg_handler, invalid bss index 0\n"), std::string::npos) << text;
     EXPECT_NE(text.find("error ssta_msg_handler, invalid bss index 32\n"), std::string::npos) << text;
-    EXPECT_NE(text.find("error ssta_msg_handler, wrong sta number of BSS1 in NODE 02:00:00:00:0b:00\n"), std::string::npos);
+    EXPECT_NE(text.find("error ssta_msg_handler, wrong sta number of BSS1 in NODE 02:00:00:00:0b:00\n"),
+              std::string::npos);
 }
 
 }  // namespace

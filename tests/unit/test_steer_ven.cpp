@@ -98,8 +98,10 @@ TEST_F(SvenTest, NeighbourReportListsEveryOwnBssAndRemovalKeeps6GhzUnlessAsked)
     sven_del_nbr_info("wl0", MAPS_2G);
     sven_del_nbr_info("wl2", MAPS_6G);
     EXPECT_EQ(fake_uwb_calls("del_rrm_neighbor"),
-              (std::vector<std::string>{"del_rrm_neighbor wl0 02:00:00:00:00:01", "del_rrm_neighbor wl0 02:00:00:00:00:02",
-                                        "del_rrm_neighbor wl2 02:00:00:00:00:01", "del_rrm_neighbor wl2 02:00:00:00:00:02",
+              (std::vector<std::string>{"del_rrm_neighbor wl0 02:00:00:00:00:01",
+                                        "del_rrm_neighbor wl0 02:00:00:00:00:02",
+                                        "del_rrm_neighbor wl2 02:00:00:00:00:01",
+                                        "del_rrm_neighbor wl2 02:00:00:00:00:02",
                                         "del_rrm_neighbor wl2 02:00:00:00:00:03"}));
 
     // What cannot be described is skipped, and the rest goes on.
