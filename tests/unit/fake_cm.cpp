@@ -7,13 +7,10 @@
 
 namespace {
 
-struct fake_timer {
+// A periodic timer, or a one-shot time-out when there is no timer record.
+struct fake_entry {
     cm_timer *timer;
     double period;
-    double due;
-};
-
-struct fake_timeout {
     double due;
     cm_timeout_cb cb;
     void *data;
@@ -25,51 +22,58 @@ struct fake_poll {
 };
 
 double s_now;
-std::list<fake_timer *> s_timers;
-std::list<fake_timeout> s_timeouts;
+std::list<fake_entry *> s_entries;
 std::list<fake_poll *> s_polls;
 
-// Runs the earliest entry due at or before `until`; false when nothing is due.
+void run_timeout(fake_entry *e)
+{
+    fake_entry to = *e;
+    s_entries.remove(e);
+    delete e;
+    to.cb(to.data);
+}
+
+// Runs the earliest entry due at or before `until` (a time-out before a timer
+// due at the same time); false when nothing is due.
 bool fake_cm_run_one(double until)
 {
-    fake_timer *next_timer = nullptr;
-    for (fake_timer *t : s_timers)
-        if (t->due <= until && (!next_timer || t->due < next_timer->due))
-            next_timer = t;
-    auto next_timeout = s_timeouts.end();
-    for (auto it = s_timeouts.begin(); it != s_timeouts.end(); ++it)
-        if (it->due <= until && (next_timeout == s_timeouts.end() || it->due < next_timeout->due))
-            next_timeout = it;
+    fake_entry *next = nullptr;
+    for (fake_entry *e : s_entries)
+        if (e->due <= until && (!next || e->due < next->due || (e->due == next->due && !e->timer && next->timer)))
+            next = e;
+    if (!next)
+        return false;
+    if (!next->timer) {
+        run_timeout(next);
+    } else {
+        next->due += next->period;
+        next->timer->cb(next->timer);  // may stop, and so free, the entry
+    }
+    return true;
+}
 
-    if (next_timeout != s_timeouts.end() && (!next_timer || next_timeout->due <= next_timer->due)) {
-        fake_timeout to = *next_timeout;
-        s_timeouts.erase(next_timeout);
-        to.cb(to.data);
-        return true;
-    }
-    if (next_timer) {
-        next_timer->due += next_timer->period;
-        cm_timer *timer = next_timer->timer;
-        timer->cb(timer);  // may stop, and so free, next_timer
-        return true;
-    }
-    return false;
+int count_entries(bool timers)
+{
+    int n = 0;
+    for (fake_entry *e : s_entries)
+        n += (e->timer != nullptr) == timers;
+    return n;
 }
 
 }  // namespace
 
 void fake_cm_reset()
 {
-    for (fake_timer *t : s_timers) {
-        t->timer->impl = nullptr;
-        delete t;
+    for (fake_entry *e : s_entries) {
+        if (e->timer)
+            e->timer->impl = nullptr;
+        delete e;
     }
     for (fake_poll *p : s_polls) {
         p->poll->impl = nullptr;
         delete p;
     }
-    s_timers.clear();
-    s_timeouts.clear();
+    s_entries.clear();
     s_polls.clear();
     s_now = 0;
 }
@@ -77,14 +81,12 @@ void fake_cm_reset()
 void fake_cm_pass()
 {
     // Time-outs added by this pass's callbacks wait for the next pass.
-    std::list<fake_timeout> due;
-    for (auto it = s_timeouts.begin(); it != s_timeouts.end();) {
-        auto cur = it++;
-        if (cur->due <= s_now)
-            due.splice(due.end(), s_timeouts, cur);
-    }
-    for (const fake_timeout &to : due)
-        to.cb(to.data);
+    std::list<fake_entry *> due;
+    for (fake_entry *e : s_entries)
+        if (!e->timer && e->due <= s_now)
+            due.push_back(e);
+    for (fake_entry *e : due)
+        run_timeout(e);
 }
 
 void fake_cm_advance(int seconds)
@@ -97,9 +99,8 @@ void fake_cm_advance(int seconds)
 }
 
 double fake_cm_now() { return s_now; }
-int fake_cm_timers() { return (int)s_timers.size(); }
-int fake_cm_timeouts() { return (int)s_timeouts.size(); }
-int fake_cm_polls() { return (int)s_polls.size(); }
+int fake_cm_timers() { return count_entries(true); }
+int fake_cm_timeouts() { return count_entries(false); }
 
 bool fake_cm_fire_poll(int fd, int bits)
 {
@@ -129,45 +130,39 @@ void cm_stop(void) {}
 int cm_timer_start(struct cm_timer *timer, double seconds, cm_timer_cb cb)
 {
     cm_timer_stop(timer);
-    auto *t = new fake_timer{timer, seconds, s_now + seconds};
-    timer->impl = t;
+    timer->impl = new fake_entry{timer, seconds, s_now + seconds, nullptr, nullptr};
     timer->cb = cb;
-    s_timers.push_back(t);
+    s_entries.push_back(static_cast<fake_entry *>(timer->impl));
     return 0;
 }
 
 void cm_timer_stop(struct cm_timer *timer)
 {
-    auto *t = static_cast<fake_timer *>(timer->impl);
-    if (!t)
-        return;
-    s_timers.remove(t);
-    delete t;
+    auto *e = static_cast<fake_entry *>(timer->impl);
+    s_entries.remove(e);
+    delete e;
     timer->impl = nullptr;
 }
 
 int cm_timeout(double seconds, cm_timeout_cb cb, void *data)
 {
-    s_timeouts.push_back({s_now + seconds, cb, data});
+    s_entries.push_back(new fake_entry{nullptr, 0, s_now + seconds, cb, data});
     return 0;
 }
 
 int cm_poll_start(struct cm_poll *poll, int fd, int events, cm_poll_cb cb)
 {
     cm_poll_stop(poll);
-    auto *p = new fake_poll{poll, events};
-    poll->impl = p;
+    poll->impl = new fake_poll{poll, events};
     poll->cb = cb;
     poll->fd = fd;
-    s_polls.push_back(p);
+    s_polls.push_back(static_cast<fake_poll *>(poll->impl));
     return 0;
 }
 
 void cm_poll_stop(struct cm_poll *poll)
 {
     auto *p = static_cast<fake_poll *>(poll->impl);
-    if (!p)
-        return;
     s_polls.remove(p);
     delete p;
     poll->impl = nullptr;

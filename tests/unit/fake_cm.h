@@ -15,7 +15,6 @@ double fake_cm_now();
 // Number of timers started and not stopped; of pending time-outs; of polls.
 int fake_cm_timers();
 int fake_cm_timeouts();
-int fake_cm_polls();
 // Calls the poll callback watching `fd` with readiness `bits`; false if none.
 bool fake_cm_fire_poll(int fd, int bits);
 // Bits asked for by the poll watching `fd`, or -1.

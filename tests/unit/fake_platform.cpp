@@ -5,6 +5,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "steer_drv.h"
+
 fake_nl_state g_fake_nl;
 uint8_t g_fake_self_mac[6] = {0x02, 0x00, 0x00, 0x00, 0x00, 0x01};
 int g_fake_iof_result = 0;
@@ -28,6 +30,12 @@ std::vector<uint8_t> nl_event(uint8_t code, const void *payload, size_t size, co
     if (size)
         memcpy(msg.data() + 24, payload, size);
     return msg;
+}
+
+void nl_deliver(uint8_t code, const void *payload, size_t size)
+{
+    g_fake_nl.incoming.push_back(nl_event(code, payload, size));
+    sdrv_read(g_fake_nl.fd, 1, nullptr);
 }
 
 extern "C" {

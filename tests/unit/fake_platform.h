@@ -25,5 +25,7 @@ void fake_platform_reset();
 
 // A driver event as the driver frames it: nlmsg_len = 24 + payload size.
 std::vector<uint8_t> nl_event(uint8_t code, const void *payload, size_t size, const char *magic = "steerin");
+// Hands one such event to the driver channel as its socket's poll would.
+void nl_deliver(uint8_t code, const void *payload, size_t size);
 
 #endif

@@ -4,11 +4,13 @@
 #include <cstring>
 
 #include "maps.h"
+#include "steer.h"
 
 fake_uwb_state g_fake_uwb;
 
 namespace {
 
+// A VAP by its configuration-store name or its kernel name.
 fake_uwb_vap *find_vap(const char *ifname)
 {
     auto it = g_fake_uwb.vaps.find(ifname);
@@ -20,16 +22,28 @@ fake_uwb_vap *find_vap(const char *ifname)
     return nullptr;
 }
 
+// Answers from the VAP's record; -1 when there is no such VAP.
+template <typename F>
+int with_vap(const char *ifname, F answer)
+{
+    fake_uwb_vap *vap = find_vap(ifname);
+    if (!vap)
+        return -1;
+    answer(*vap);
+    return 0;
+}
+
 std::string mac_text(const uint8_t *m)
 {
     char buf[18];
-    snprintf(buf, sizeof(buf), "%02x:%02x:%02x:%02x:%02x:%02x", m[0], m[1], m[2], m[3], m[4], m[5]);
+    snprintf(buf, sizeof(buf), MAC_FMT, MAC_ARG(m));
     return buf;
 }
 
-void record(const std::string &call)
+int record(const std::string &call, int result = 0)
 {
     g_fake_uwb.calls.push_back(call);
+    return result;
 }
 
 }  // namespace
@@ -53,16 +67,7 @@ extern "C" {
 int uwb_get_os_ifname(const char *ifname, char *osif, int size)
 {
     g_fake_uwb.os_ifname_calls++;
-    auto it = g_fake_uwb.os_ifname.find(ifname);
-    if (it != g_fake_uwb.os_ifname.end()) {
-        snprintf(osif, (size_t)size, "%s", it->second.c_str());
-        return 0;
-    }
-    fake_uwb_vap *vap = find_vap(ifname);
-    if (!vap)
-        return -1;
-    snprintf(osif, (size_t)size, "%s", vap->os_ifname.c_str());
-    return 0;
+    return with_vap(ifname, [&](fake_uwb_vap &v) { snprintf(osif, (size_t)size, "%s", v.os_ifname.c_str()); });
 }
 
 int uwb_get_mib_ifname(const char *ifname, char *mib_ifname, int size)
@@ -87,39 +92,25 @@ int uwb_get_bssmode(const char *mib_ifname, char *mode, int size)
 
 int uwb_get_ap_cap(const char *ifname, uwb_ap_cap_t *caps)
 {
-    fake_uwb_vap *vap = find_vap(ifname);
-    if (!vap)
-        return -1;
-    *caps = vap->caps;
-    return 0;
+    return with_vap(ifname, [&](fake_uwb_vap &v) { *caps = v.caps; });
 }
 
 int uwb_get_chan_info(const char *ifname, uwb_chan_info_t *info)
 {
-    fake_uwb_vap *vap = find_vap(ifname);
-    if (!vap)
-        return -1;
-    info->channel = (uint8_t)vap->channel;
-    return 0;
+    return with_vap(ifname, [&](fake_uwb_vap &v) { info->channel = (uint8_t)v.channel; });
 }
 
 int uwb_get_channel_list(const char *ifname, uwb_chan_list_t *list)
 {
-    fake_uwb_vap *vap = find_vap(ifname);
-    if (!vap)
-        return -1;
-    list->count = (int)vap->channels.size();
-    memcpy(list->channels, vap->channels.data(), vap->channels.size());
-    return 0;
+    return with_vap(ifname, [&](fake_uwb_vap &v) {
+        list->count = (int)v.channels.size();
+        memcpy(list->channels, v.channels.data(), v.channels.size());
+    });
 }
 
 int uwb_get_ssid(const char *ifname, char *ssid, size_t size)
 {
-    fake_uwb_vap *vap = find_vap(ifname);
-    if (!vap)
-        return -1;
-    snprintf(ssid, size, "%s", vap->ssid.c_str());
-    return 0;
+    return with_vap(ifname, [&](fake_uwb_vap &v) { snprintf(ssid, size, "%s", v.ssid.c_str()); });
 }
 
 int uwb_get_sta_maxnum(const char *ifname)
@@ -140,49 +131,30 @@ int uwb_get_sta_info(const char *, const uint8_t *macs, uwb_sta_info_t *info, in
 
 int uwb_get_bssid(const char *, uint8_t *bssid, int)
 {
-    if (g_fake_uwb.bssid.empty())
-        return -1;
-    return sscanf(g_fake_uwb.bssid.c_str(), "%hhx:%hhx:%hhx:%hhx:%hhx:%hhx", &bssid[0], &bssid[1], &bssid[2],
-                  &bssid[3], &bssid[4], &bssid[5]) == 6
-               ? 0
-               : -1;
+    return !g_fake_uwb.bssid.empty() && mac_scan(g_fake_uwb.bssid.c_str(), bssid) == 0 ? 0 : -1;
 }
 
 int uwb_kick_sta(const char *ifname, const uint8_t *mac, int)
 {
-    record(std::string("kick_sta ") + ifname + " " + mac_text(mac));
-    return 0;
+    return record(std::string("kick_sta ") + ifname + " " + mac_text(mac));
 }
 
 int uwb_set_bssload(const char *ifname, int load)
 {
-    record(std::string("set_bssload ") + ifname + " " + std::to_string(load));
-    return 0;
+    return record(std::string("set_bssload ") + ifname + " " + std::to_string(load));
 }
 
 int uwb_add_rrm_neighbor(const char *ifname, const uwb_rrm_nbr_t *e)
 {
-    record(std::string("add_rrm_neighbor ") + ifname + " " + e->ifname + " " + mac_text(e->bssid) + " " +
-           std::to_string(e->channel) + " " + std::to_string(e->band) + " " + std::string(e->ssid, e->ssid_len));
-    return g_fake_uwb.rrm_result;
+    return record(std::string("add_rrm_neighbor ") + ifname + " " + e->ifname + " " + mac_text(e->bssid) + " " +
+                      std::to_string(e->channel) + " " + std::to_string(e->band) + " " +
+                      std::string(e->ssid, e->ssid_len),
+                  g_fake_uwb.rrm_result);
 }
 
 int uwb_del_rrm_neighbor(const char *ifname, const uint8_t *bssid, int)
 {
-    record(std::string("del_rrm_neighbor ") + ifname + " " + mac_text(bssid));
-    return g_fake_uwb.rrm_result;
-}
-
-int uwb_beacon_req(const char *ifname, const beacon_req_params_t *p)
-{
-    record(std::string("beacon_req ") + ifname + " " + mac_text(p->sta_mac) + " " + std::to_string(p->channel));
-    return 0;
-}
-
-int uwb_bss_trans_req(const char *ifname, const struct maps_msg_bss_trans_req *req)
-{
-    record(std::string("bss_trans_req ") + ifname + " " + mac_text(req->sta) + " " + mac_text(req->bss));
-    return 0;
+    return record(std::string("del_rrm_neighbor ") + ifname + " " + mac_text(bssid), g_fake_uwb.rrm_result);
 }
 
 int uwb_steer_maps(const char *ifname, void *req, size_t size, void *rsp)
@@ -193,9 +165,7 @@ int uwb_steer_maps(const char *ifname, void *req, size_t size, void *rsp)
     g_fake_uwb.maps.push_back({ifname, buf[MAPS_MAGIC_LEN], std::vector<uint8_t>(buf + 8, buf + size)});
     if (rsp != req)
         memcpy(rsp, req, size);
-    if (g_fake_uwb.steer_maps)
-        return g_fake_uwb.steer_maps(ifname, static_cast<uint8_t *>(rsp), size);
-    return 0;
+    return g_fake_uwb.steer_maps ? g_fake_uwb.steer_maps(ifname, static_cast<uint8_t *>(rsp), size) : 0;
 }
 
 }  // extern "C"

@@ -29,7 +29,6 @@ struct fake_maps_cmd {
 
 struct fake_uwb_state {
     std::map<std::string, fake_uwb_vap> vaps;  // by configuration-store name
-    std::map<std::string, std::string> os_ifname;  // extra name translations
     // Answers a MAPS command in place; the default echoes it.
     std::function<int(const std::string &ifname, uint8_t *buf, size_t size)> steer_maps;
     std::string bssid;  // uplink BSSID of any station interface, "" = call fails

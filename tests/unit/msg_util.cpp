@@ -2,6 +2,9 @@
 
 #include <cstring>
 
+#include "steer.h"
+#include "steer_msg.h"
+
 std::vector<uint8_t> mesh_message(const uint8_t *sa, const uint8_t *da, const std::string &type,
                                   const std::string &text, bool nul)
 {
@@ -12,4 +15,10 @@ std::vector<uint8_t> mesh_message(const uint8_t *sa, const uint8_t *da, const st
     if (!text.empty())
         memcpy(msg.data() + 44, text.data(), text.size());
     return msg;
+}
+
+void mesh_receive(const uint8_t *sa, const std::string &type, const std::string &text)
+{
+    std::vector<uint8_t> msg = mesh_message(sa, MAC_BCAST, type, text);
+    smsg_recv_handler(msg.data(), msg.size());
 }

@@ -4,7 +4,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <regex>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -22,26 +22,23 @@ void record_chunk(void *data, size_t size)
     s_chunks.emplace_back(static_cast<char *>(data), size);
 }
 
-void stop_loop(void *) { cm_stop(); }
-
-// Runs the loop for a short while.
-void run_loop(double seconds = 0.05)
+// Runs the loop until `chunks` have been received (looked at every
+// millisecond), for 10 seconds at most.
+void run_until(size_t chunks)
 {
-    cm_timeout(seconds, stop_loop, nullptr);
+    static cm_timer s_check;
+    static int s_left;
+    static size_t s_want;
+    s_left = 10000;
+    s_want = chunks;
+    cm_timer_start(&s_check, 0.001, [](cm_timer *t) {
+        if (s_chunks.size() >= s_want || --s_left == 0) {
+            cm_timer_stop(t);
+            cm_stop();
+        }
+    });
     cm_run();
-}
-
-int connect_to(const char *path)
-{
-    int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un addr = {};
-    addr.sun_family = AF_UNIX;
-    snprintf(addr.sun_path, sizeof(addr.sun_path), "%s", path);
-    if (connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)) != 0) {
-        close(fd);
-        return -1;
-    }
-    return fd;
+    EXPECT_EQ(s_chunks.size(), chunks);
 }
 
 void write_text(int fd, const std::string &s)
@@ -51,41 +48,37 @@ void write_text(int fd, const std::string &s)
 
 void transport_delivers_what_each_read_returns()
 {
-    s_chunks.clear();
+    // A socket file left by an earlier run does not keep the daemon from listening.
+    int old = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un addr = {AF_UNIX, "/var/steer_socket"};
+    EXPECT_EQ(bind(old, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)), 0);
+    close(old);
     cm_init();
     scom_init();
     scom_set_recv_cb(record_chunk);
 
-    int a = connect_to("/var/steer_socket");
+    int a = unix_connect("/var/steer_socket");
     EXPECT_GE(a, 0);
     write_text(a, "first");
     write_text(a, "second");  // both are waiting when the read comes
-    run_loop();
-    EXPECT_EQ(s_chunks, (std::vector<std::string>{"firstsecond"}));
-
+    run_until(1);
     // No framing: a message written in two parts arrives as two buffers.
     write_text(a, "{\"half\":");
-    run_loop();
+    run_until(2);
     write_text(a, "1}");
-    run_loop();
-    EXPECT_EQ(s_chunks, (std::vector<std::string>{"firstsecond", "{\"half\":", "1}"}));
-
+    run_until(3);
     // The peer goes away; its record is freed and accepting goes on, with
     // several connections open at once.
     close(a);
-    run_loop();
-    int b = connect_to("/var/steer_socket");
-    int c = connect_to("/var/steer_socket");
+    int b = unix_connect("/var/steer_socket");
+    int c = unix_connect("/var/steer_socket");
     write_text(c, "from c");
-    run_loop();
+    run_until(4);
     write_text(b, "from b");
-    run_loop();
+    run_until(5);
     close(b);
     close(c);
-    run_loop();
-    EXPECT_EQ(s_chunks.size(), 5u);
-    EXPECT_EQ(s_chunks[3], "from c");
-    EXPECT_EQ(s_chunks[4], "from b");
+    EXPECT_EQ(s_chunks, (std::vector<std::string>{"firstsecond", "{\"half\":", "1}", "from c", "from b"}));
 }
 
 TEST(ScomTransport, ReceivesChunksAsTheyAreReadAndKeepsAccepting)
@@ -93,64 +86,18 @@ TEST(ScomTransport, ReceivesChunksAsTheyAreReadAndKeepsAccepting)
     EXPECT_SANDBOXED(SANDBOX_VAR, transport_delivers_what_each_read_returns);
 }
 
-void stale_socket_file_is_replaced()
-{
-    // A file left by an earlier run must not keep the daemon from listening.
-    int old = socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un addr = {};
-    addr.sun_family = AF_UNIX;
-    strcpy(addr.sun_path, "/var/steer_socket");
-    EXPECT_EQ(bind(old, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)), 0);
-    close(old);
-
-    s_chunks.clear();
-    cm_init();
-    scom_init();
-    scom_set_recv_cb(record_chunk);
-    int fd = connect_to("/var/steer_socket");
-    EXPECT_GE(fd, 0);
-    write_text(fd, "x");
-    run_loop();
-    close(fd);
-    EXPECT_EQ(s_chunks, (std::vector<std::string>{"x"}));
-}
-
-TEST(ScomTransport, StaleSocketFileIsReplaced)
-{
-    EXPECT_SANDBOXED(SANDBOX_VAR, stale_socket_file_is_replaced);
-}
-
 void send_frames_each_message()
 {
     {
         log_capture log;
         EXPECT_EQ(scom_send("abc", 3), -1);
-        EXPECT_TRUE(std::regex_match(log.text(), std::regex("error scom_conn_weft:[0-9]+, connect socket failed\n")))
-            << log.text();
+        EXPECT_EQ(log.plain(), "error scom_conn_weft, connect socket failed\n");
     }
-
-    int weft = socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un addr = {};
-    addr.sun_family = AF_UNIX;
-    strcpy(addr.sun_path, "/var/weft_socket");
-    EXPECT_EQ(bind(weft, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)), 0);
-    listen(weft, 8);
-
+    weft_listener weft;
     const uint8_t payload[5] = {0, 0xff, 'a', 0, 7};
     EXPECT_EQ(scom_send(payload, sizeof(payload)), 0);
     EXPECT_EQ(scom_send(payload, 0), 0);
-    for (size_t n : {sizeof(payload), (size_t)0}) {
-        int c = accept(weft, nullptr, nullptr);
-        uint8_t buf[64];
-        ssize_t got = 0, r;
-        while ((r = read(c, buf + got, sizeof(buf) - (size_t)got)) > 0)
-            got += r;
-        close(c);
-        EXPECT_EQ(got, (ssize_t)(n + 3));
-        EXPECT_EQ(std::vector<uint8_t>(buf, buf + 3), (std::vector<uint8_t>{3, 1, 0}));
-        EXPECT_EQ(memcmp(buf + 3, payload, n), 0);
-    }
-    close(weft);
+    EXPECT_EQ(weft.take(), (std::vector<std::vector<uint8_t>>{{3, 1, 0, 0, 0xff, 'a', 0, 7}, {3, 1, 0}}));
 }
 
 TEST(ScomTransport, SendPrefixesTheHeaderAndFailsWithoutTheMeshDaemon)

@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <regex>
 #include <set>
 
 #include "fake_uwb.h"
@@ -15,41 +14,6 @@ class SifTest : public ::testing::Test {
 protected:
     void SetUp() override { fake_uwb_reset(); }
 };
-
-TEST_F(SifTest, WifiNameIsReadThroughItsKernelName)
-{
-    g_fake_uwb.os_ifname["wifi-cfg0"] = "lo";
-    log_capture log;
-    uint8_t mac[6] = {1, 2, 3, 4, 5, 6};
-    EXPECT_EQ(sif_get_mac("wifi-cfg0", mac), 0);
-    EXPECT_TRUE(mac_is_zero(mac));  // lo's address
-    EXPECT_EQ(g_fake_uwb.os_ifname_calls, 1);
-    EXPECT_EQ(log.text(), "");
-}
-
-TEST_F(SifTest, FailuresAreLoggedAndReported)
-{
-    log_capture log;
-    uint8_t mac[6];
-    EXPECT_EQ(sif_get_mac("wifi-unknown", mac), -1);
-    // A bridge is never translated, even when it does not exist.
-    EXPECT_EQ(sif_get_mac("br-none", mac), -1);
-    EXPECT_EQ(g_fake_uwb.os_ifname_calls, 1);
-    EXPECT_FALSE(sif_is_up("nosuch0"));
-    std::regex lines("error sif_get_mac:[0-9]+, wifi-unknown get osif failed\n"
-                     "error sif_get_mac:[0-9]+, open /sys/class/net/br-none/address failed\n"
-                     "error sif_is_up:[0-9]+, ioctl failed, ifname nosuch0\n");
-    EXPECT_TRUE(std::regex_match(log.text(), lines)) << log.text();
-}
-
-TEST_F(SifTest, NullArgumentsAbort)
-{
-    uint8_t mac[6];
-    EXPECT_DEATH(sif_get_mac(nullptr, mac), "'ifname' is not satisfied");
-    EXPECT_DEATH(sif_get_mac("br0", nullptr), "'mac' is not satisfied");
-    EXPECT_DEATH(sif_is_up(nullptr), "'ifname' is not satisfied");
-    EXPECT_DEATH(sif_iterate(nullptr, nullptr), "'cb' is not satisfied");
-}
 
 bool collect(const char *ifname, void *data)
 {

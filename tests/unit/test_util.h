@@ -1,5 +1,6 @@
-// Helpers shared by the unit tests: temporary files, log capture, and a
-// child process in private namespaces for tests that need a network or /var.
+// Helpers shared by the unit tests: temporary files, log capture, fatal
+// checks, a node builder, the mesh daemon's end of the transport, and a child
+// process in private namespaces for tests that need a network or /var.
 #ifndef TEST_UTIL_H
 #define TEST_UTIL_H
 
@@ -7,6 +8,9 @@
 
 #include <functional>
 #include <string>
+#include <vector>
+
+#include "steer_ap.h"
 
 // A directory under /tmp, removed with everything in it.
 class temp_dir {
@@ -32,7 +36,8 @@ public:
     explicit log_capture(bool print_time = false);
     ~log_capture();
     std::string text() const { return read_file(path_); }
-    const std::string &path() const { return path_; }
+    // The text without the line number of each "function:line, " prefix.
+    std::string plain() const;
 
 private:
     temp_dir dir_;
@@ -49,13 +54,51 @@ private:
     temp_dir dir_;
 };
 
-// Exit code of a sandbox child that could not get its namespaces.
-constexpr int SANDBOX_UNAVAILABLE = 77;
+// A death test whose pattern is looked for in the log, sent to standard error.
+void log_to_stderr();
+#define EXPECT_FATAL(statement, pattern) EXPECT_DEATH({ log_to_stderr(); statement; }, pattern)
+
+// A node record: radios (band, channel) from slot 1, ESSes by SSID from index
+// 0, and BSS k (from 1) named `ifname` on ESS `ess` and radio slot `radio`,
+// with BSSID 02:00:00:00:00:k, in the next free slot of its ESS.
+struct test_bss {
+    const char *ifname;
+    int ess, radio;
+};
+struct test_node {
+    std::vector<std::pair<uint32_t, uint8_t>> radios;
+    std::vector<const char *> esses;
+    std::vector<test_bss> bsses;
+};
+// 2.4 GHz channel 6, 5 GHz channel 36, 6 GHz channel 37; ESS "herd" with wl0
+// on the first radio and wl1 on the second, "guest" with wl2 on the third.
+extern const test_node THREE_RADIOS;
+// Clears `node` and builds it; not for a record in the neighbour table.
+void build_node(sap_node_t &node, const test_node &def = THREE_RADIOS);
+
+// The mesh daemon's socket /var/weft_socket (in a private /var), one
+// connection per message the daemon sends.
+class weft_listener {
+public:
+    weft_listener();
+    ~weft_listener();
+    // The bytes of each connection since the last call, in order.
+    std::vector<std::vector<uint8_t>> take();
+    // The same as "<type> <JSON without blanks>".
+    std::vector<std::string> take_messages();
+
+private:
+    int fd_;
+};
+
+// A connected stream socket to the Unix socket at `path`, or -1.
+int unix_connect(const char *path);
 
 enum sandbox_flags {
-    SANDBOX_NET = 1,      // a network namespace of its own
-    SANDBOX_VAR = 2,      // a fresh tmpfs on /var, with run/ and run/maps/ in it
+    SANDBOX_NET = 1,  // a network namespace of its own
+    SANDBOX_VAR = 2,  // a fresh tmpfs on /var, with run/ and run/maps/ in it
 };
+constexpr int SANDBOX_UNAVAILABLE = 77;
 
 // Runs fn in a child with private mount namespace (and user namespace when
 // not root) and the given extras. The child's test failures are reported
