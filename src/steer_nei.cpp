@@ -427,6 +427,8 @@ void snei_exit()
         sev_del_timer(s_age_timer);
         s_age_timer = nullptr;
     }
+    s_backhaul_radio = nullptr;
+    s_backhaul_if[0] = '\0';
     smsg_dict_t *root = smsg_new_root();
     if (!root) {
         LOG_ERROR("%s:%d, new message failed");

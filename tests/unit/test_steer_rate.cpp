@@ -231,8 +231,8 @@ TEST(SrateEvaluate, EndToEndRateToThePortal)
     fake_cm_reset();
     fake_uwb_reset();
     fake_platform_reset();
-    // In a child: the backhaul radio, once found, stays for the process.
-    EXPECT_SANDBOXED(SANDBOX_VAR, end_to_end_rates);
+    end_to_end_rates();
+    fake_cm_reset();
 }
 
 TEST(SrateInit, BadFactorOrEquationStopsStartUp)
