@@ -87,7 +87,10 @@ def start_background(lab_dir, topology_path, daemons=True, settings=()):
             fail(f"a lab already runs in {lab_dir} (controller pid {pid}); `python3 -m lab down` first")
         except (OSError, LabError):
             pass
-    lab_dir.mkdir(parents=True, exist_ok=True)
+    try:
+        lab_dir.mkdir(parents=True, exist_ok=True)
+    except OSError as e:
+        fail(f"cannot make the lab directory {lab_dir}: {e.strerror}")
     argv = [sys.executable, "-m", "lab", "serve", str(Path(topology_path).resolve()), "--dir", str(lab_dir)]
     if not daemons:
         argv.append("--no-daemons")
@@ -275,11 +278,11 @@ def cmd_exec(args):
 # -- driving ----------------------------------------------------------------------------
 
 def cmd_inject(args):
+    code = event_code(args.event)
     try:
-        code = event_code(args.event)
         payload = bytes.fromhex(args.hex.replace(":", ""))
-    except ValueError as e:
-        fail(str(e))
+    except ValueError:
+        fail(f"inject: the payload {args.hex!r} is not hex")
     sent = request(args, {"cmd": "inject", "node": args.node, "code": code, "hex": payload.hex()})
     print(f"sent {len(bytes.fromhex(sent))} bytes to {args.node}: {sent}")
 
