@@ -729,7 +729,8 @@ def teardown(lab_dir, timeout=30.0):
         except (OSError, LabError, ValueError):
             os.kill(pid, signal.SIGTERM)
             done = f"controller {pid} did not answer, sent SIGTERM"
-        if not wait_until(lambda: controller_pid(lab_dir) is None or not _is_alive(pid), timeout, 0.05):
+        # Gone is gone: its pid file goes before it has finished (and written its last words).
+        if not wait_until(lambda: not _is_alive(pid), timeout, 0.05):
             os.kill(pid, signal.SIGKILL)
             done += ", then SIGKILL"
             wait_until(lambda: not _is_alive(pid), 5.0)

@@ -146,15 +146,16 @@ def stand_in_lab():
 
 def test_stations_report_as_a_driver_does_and_a_kicked_station_leaves(stand_in_lab):
     lab, nl = stand_in_lab
-    # Reports every 0.4 s: the phone's first on A at 0.5, the laptop's third at 1.4, the phone's first
-    # on B at 1.4, each well before the step that ends them.
+    # Reports every 0.5 s: the phone's on A at 0.6, the laptop's at 0.7, 1.2 and 1.7, the phone's on B
+    # at 1.5 and 2.0, each at least 0.4 s before the step that ends them. (A stand-in's socket holds
+    # about ten events until the test reads them.)
     sc = scenario.parse({
-        "status_interval": 0.4, "duration": 2.2,
+        "status_interval": 0.5, "duration": 2.4,
         "stations": {"phone": {"mac": PHONE, "rssi": -50, "rate": 700}, "laptop": {"mac": LAPTOP}},
         "steps": [{"at": 0.1, "do": "join", "station": "phone", "node": "A", "bss": "wlan1"},
                   {"at": 0.2, "do": "join", "station": "laptop", "node": "A", "bss": 2, "rssi": -66},
                   {"at": 1.0, "do": "roam", "station": "phone", "node": "B", "bss": "wlan1", "rssi": -58},
-                  {"at": 1.8, "do": "leave", "station": "laptop"}]}, "inline", lab.topology)
+                  {"at": 2.1, "do": "leave", "station": "laptop"}]}, "inline", lab.topology)
     runner = scenario.Runner(lab, sc)
     kicked = False
 
