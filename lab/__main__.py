@@ -21,14 +21,17 @@ import argparse
 import json
 import os
 import re
+import signal
 import subprocess
 import sys
 import time
 from pathlib import Path
 
 from lab import daemonlog, netns, scenario as scenario_mod, topology as topo_mod
-from lab.controller import Lab, LabError, control_request, controller_pid, default_dir, teardown
+from lab.controller import (EXPECTED_ERRORS, Lab, LabError, check_dir, control_request, controller_pid,
+                            default_dir, error_text, teardown)
 from lab.driver import command_code, event_code
+from lab.relay import check_seconds
 from lab.sandbox import REPO, daemon_binary, wait_until
 
 READY = r"bandherd is ready\."
@@ -54,12 +57,28 @@ def print_json(value):
 
 # -- up, serve, down ------------------------------------------------------------------
 
+def parse_settings(items, topo=None):
+    """{key: value} from `--set KEY=VALUE` arguments; with `topo`, only keys its daemons read."""
+    settings = {}
+    for item in items:
+        key, sep, value = item.partition("=")
+        if not sep:
+            fail(f"--set {item!r}: a setting is KEY=VALUE")
+        settings[key] = value
+    problems = topo.config_problems(settings) if topo is not None else []
+    if problems:
+        fail("--set: " + "; ".join(problems))
+    return settings
+
+
 def start_background(lab_dir, topology_path, daemons=True, settings=()):
     """Starts `serve` as a detached process and waits until its lab is up."""
     try:
-        topo_mod.load(topology_path)
+        topo = topo_mod.load(topology_path)
     except topo_mod.TopologyError as e:
         fail(str(e))
+    parse_settings(settings, topo)
+    check_dir(lab_dir, topo)
     lab_dir = Path(lab_dir)
     pid = controller_pid(lab_dir)
     if pid is not None:
@@ -68,7 +87,10 @@ def start_background(lab_dir, topology_path, daemons=True, settings=()):
             fail(f"a lab already runs in {lab_dir} (controller pid {pid}); `python3 -m lab down` first")
         except (OSError, LabError):
             pass
-    lab_dir.mkdir(parents=True, exist_ok=True)
+    try:
+        lab_dir.mkdir(parents=True, exist_ok=True)
+    except OSError as e:
+        fail(f"cannot make the lab directory {lab_dir}: {e.strerror}")
     argv = [sys.executable, "-m", "lab", "serve", str(Path(topology_path).resolve()), "--dir", str(lab_dir)]
     if not daemons:
         argv.append("--no-daemons")
@@ -96,8 +118,24 @@ def start_background(lab_dir, topology_path, daemons=True, settings=()):
     return proc.pid
 
 
+def last_words(text):
+    """What a daemon's log says last that tells why it stopped: its last fatal line, else its
+    last error line, else its last line."""
+    lines = [line for line in text.splitlines() if line.strip()]
+    if not lines:
+        return "its log is empty"
+    parsed = [(daemonlog.parse(line), line) for line in lines]
+    for level in ("fatal", "error"):
+        found = [p for p, _ in parsed if p is not None and p.level == level]
+        if found:
+            return f"its log: {found[-1].level} {found[-1].func}: {found[-1].text}"
+    p, raw = parsed[-1]
+    return f"its log: {raw if p is None else f'{p.level} {p.func}: {p.text}'}"
+
+
 def wait_ready(args, names, timeout=15.0):
-    """Waits until each node's daemon logged that it is ready or ended; returns {node: ready?}."""
+    """Waits until each node's daemon is ready or has failed: ended, or logged a fatal line (it
+    then exits after its restart delay). Returns {node: None when ready, else why not, in words}."""
     logs = {n: Path(args.dir) / "nodes" / n / "bandherd.log" for n in names}
 
     def state():
@@ -105,37 +143,50 @@ def wait_ready(args, names, timeout=15.0):
         out = {}
         for n in names:
             text = logs[n].read_text(errors="replace") if logs[n].exists() else ""
+            daemon = nodes[n]["daemon"]
             if re.search(READY, text):
-                out[n] = True
-            elif nodes[n]["daemon"].startswith(("exited", "killed")):
-                out[n] = False
+                out[n] = None
+            elif daemon.startswith(("exited", "killed")):
+                out[n] = f"its daemon {daemon}; {last_words(text)}"
+            elif any(p is not None and p.level == "fatal" for p in map(daemonlog.parse, text.splitlines())):
+                out[n] = f"its daemon stopped on a fatal error (it exits after its restart delay); {last_words(text)}"
         return out
 
     wait_until(lambda: len(state()) == len(names), timeout, 0.1)
-    return state()
+    out = state()
+    for n in names:
+        if n not in out:
+            text = logs[n].read_text(errors="replace") if logs[n].exists() else ""
+            out[n] = f"its daemon is not ready after {timeout:g} s; {last_words(text)}"
+    return out
 
 
 def cmd_up(args):
     pid = start_background(args.dir, args.topology, not args.no_daemons, args.set)
     nodes = request(args, {"cmd": "nodes"})
-    ready = {}
+    failed = {}
     if not args.no_daemons:
-        ready = wait_ready(args, [n["name"] for n in nodes])
+        failed = {n: why for n, why in wait_ready(args, [n["name"] for n in nodes]).items() if why}
         nodes = request(args, {"cmd": "nodes"})
     print(f"lab up in {args.dir} (controller pid {pid}, its output in {args.dir}/controller.log)")
     show_nodes(nodes)
-    for n in nodes:
-        if not args.no_daemons and not ready.get(n["name"]):
-            print(f"  {n['name']}'s daemon is not ready: python3 -m lab --dir {args.dir} log {n['name']}")
     print(f"""
   each node's files:   {args.dir}/nodes/<name>/  (its /var: bandherd.conf, bandherd.log,
                        driver.jsonl, run/, steer_socket, weft_socket)
   mesh messages:       {args.dir}/mesh.jsonl
   then:                python3 -m lab nodes | log NODE -f | exec NODE | send NODE TYPE JSON | down""")
+    if failed:
+        sys.stdout.flush()
+        for name, why in failed.items():
+            print(f"lab: {name} did not start: {why}", file=sys.stderr)
+        print(f"lab: the lab keeps running; `python3 -m lab --dir {args.dir} log NODE` shows a daemon's log, "
+              f"`down` ends the lab", file=sys.stderr)
+        return 1
+    return 0
 
 
 def cmd_serve(args):
-    settings = dict(s.split("=", 1) for s in args.set)
+    settings = parse_settings(args.set)
     try:
         Lab().serve(args.topology, args.dir, settings, daemons=not args.no_daemons)
     except (topo_mod.TopologyError, LabError, netns.NamespaceError) as e:
@@ -193,7 +244,22 @@ def cmd_log(args):
 
 def cmd_messages(args):
     match = {"type": args.type} if args.type else {}
-    for m in request(args, {"cmd": "messages", "match": match}):
+    if controller_pid(args.dir) is not None:
+        found = request(args, {"cmd": "messages", "match": match})
+    else:
+        # No lab runs: what the last one recorded.
+        path = Path(args.dir) / "mesh.jsonl"
+        if not path.exists():
+            fail(f"no lab runs in {args.dir}, and no lab left a record of mesh messages there ({path.name})")
+        found = []
+        for line in path.read_text(errors="replace").splitlines():
+            try:
+                m = json.loads(line)
+            except ValueError:
+                continue
+            if all(m.get(k) == v for k, v in match.items()):
+                found.append(m)
+    for m in found:
         print(json.dumps(m))
 
 
@@ -212,11 +278,11 @@ def cmd_exec(args):
 # -- driving ----------------------------------------------------------------------------
 
 def cmd_inject(args):
+    code = event_code(args.event)
     try:
-        code = event_code(args.event)
         payload = bytes.fromhex(args.hex.replace(":", ""))
-    except ValueError as e:
-        fail(str(e))
+    except ValueError:
+        fail(f"inject: the payload {args.hex!r} is not hex")
     sent = request(args, {"cmd": "inject", "node": args.node, "code": code, "hex": payload.hex()})
     print(f"sent {len(bytes.fromhex(sent))} bytes to {args.node}: {sent}")
 
@@ -254,12 +320,15 @@ def cmd_send(args):
 
 def cmd_relay(args):
     req = {"cmd": "relay", "action": args.action}
+    if args.action in ("heal", "clear", "faults") and args.args:
+        fail(f"relay {'show' if args.action == 'faults' else args.action} takes no arguments, "
+             f"not {' '.join(args.args)}")
     if args.action == "drop":
         req["types"] = args.args or None
     elif args.action == "delay":
         if not args.args:
             fail("relay delay SECONDS [TYPE...]")
-        req["seconds"] = float(args.args[0])
+        req["seconds"] = check_seconds(args.args[0])
         req["types"] = args.args[1:] or None
     elif args.action == "partition":
         if not args.args:
@@ -281,14 +350,22 @@ def cmd_driver(args):
     if args.ping_fails:
         req["ping_answer"] = None
     if args.fail:
-        req["call_results"] = {c.split("=")[0]: int(c.split("=")[1]) if "=" in c else -1 for c in args.fail}
+        req["call_results"] = name_results("--fail", args.fail)
     if args.refuse:
-        try:
-            req["command_results"] = {str(command_code(c.split("=")[0])): int(c.split("=")[1]) if "=" in c else -1
-                                      for c in args.refuse}
-        except ValueError as e:
-            fail(str(e))
+        req["command_results"] = {str(command_code(c)): r for c, r in name_results("--refuse", args.refuse).items()}
     print_json(request(args, req))
+
+
+def name_results(option, items):
+    """{name: result} from NAME[=RESULT] arguments (the result -1 when not given)."""
+    out = {}
+    for item in items:
+        name, sep, result = item.partition("=")
+        try:
+            out[name] = int(result) if sep else -1
+        except ValueError:
+            fail(f"{option} {item}: the result after '=' must be a whole number")
+    return out
 
 
 def cmd_start(args):
@@ -431,13 +508,13 @@ def cmd_demo(args):
     start_background(args.dir, topology, True, ["bandherd.log_level=5"])
     ok = True
     try:
-        states = wait_ready(args, names, 20.0)
+        failed = {n: why for n, why in wait_ready(args, names, 20.0).items() if why}
         show_nodes(request(args, {"cmd": "nodes"}))
-        if not all(states.get(n) for n in names):
+        if failed:
             print("\na daemon did not become ready; its log:")
-            for n in names:
-                if not states.get(n):
-                    print("".join(f"  {n}| {line}\n" for line in read_log(args, n)[-15:]))
+            for n, why in failed.items():
+                print(f"  {n}: {why}")
+                print("".join(f"  {n}| {line}\n" for line in read_log(args, n)[-15:]))
             return 1
 
         raw, sc = read_scenario(args, scenario_file)
@@ -445,7 +522,7 @@ def cmd_demo(args):
         print("   nbrs: a node's neighbour table as its log reports it; sta: the stations on its "
               f"{table_vaps(topo)} as its last heartbeat carried them\n"
               "   (? before its first heartbeat); A+B: A learnt B, A-B: A lost B; A hb: A's heartbeat "
-              "carries new counts; heartbeats go out 5 s after start, then every 20 s\n")
+              "carries new counts; a daemon's heartbeats go out 5 s after it starts, then 20 s, 40 s, ... after it started\n")
         table = ConvergenceTable(topo)
         for line in table.header():
             print(line)
@@ -504,6 +581,22 @@ def read_log(args, name):
 
 # -- parsing ----------------------------------------------------------------------------------
 
+def number(lo, hi, base=10):
+    """An argparse type: a whole number from `lo` to `hi` (`base` 0: also 0x... and 0b...)."""
+    def convert(text):
+        try:
+            value = int(text, base)
+        except ValueError:
+            raise argparse.ArgumentTypeError(f"{text!r} is not a whole number") from None
+        if not lo <= value <= hi:
+            raise argparse.ArgumentTypeError(f"{text} is not from {lo} to {hi}")
+        return value
+    return convert
+
+
+BYTE, SBYTE, BITS = number(0, 255), number(-128, 127), number(0, 0xFFFFFFFF, 0)
+
+
 def parser():
     common = argparse.ArgumentParser(add_help=False)
     common.add_argument("--dir", type=Path, default=argparse.SUPPRESS,
@@ -541,21 +634,21 @@ def parser():
     sp.add_argument("node")
     sp.add_argument("event", choices=["join", "leave", "band", "status"])
     sp.add_argument("mac")
-    sp.add_argument("--bss", type=int, required=True, help="the driver's BSS index")
-    sp.add_argument("--rssi", type=int)
-    sp.add_argument("--bands", type=lambda s: int(s, 0), help="band bits: 2G 2, 5L 4, 5H 8, 6G 16")
-    sp.add_argument("--caps", type=lambda s: int(s, 0), help="capability bits: HT 1, VHT 2, RRM 4, BTM 8, HE 16")
-    sp.add_argument("--nss", type=int)
-    sp.add_argument("--load", type=int)
-    sp.add_argument("--sta-num", type=int)
+    sp.add_argument("--bss", type=BYTE, required=True, help="the driver's BSS index")
+    sp.add_argument("--rssi", type=SBYTE)
+    sp.add_argument("--bands", type=BITS, help="band bits: 2G 2, 5L 4, 5H 8, 6G 16")
+    sp.add_argument("--caps", type=BITS, help="capability bits: HT 1, VHT 2, RRM 4, BTM 8, HE 16")
+    sp.add_argument("--nss", type=BYTE)
+    sp.add_argument("--load", type=BYTE)
+    sp.add_argument("--sta-num", type=BYTE)
     sp.add_argument("--active", type=int, choices=[0, 1])
     sp = add("radio", cmd_radio, "a radio status event")
     sp.add_argument("node")
-    sp.add_argument("index", type=int)
-    sp.add_argument("channel", type=int)
-    sp.add_argument("--load", type=int)
-    sp.add_argument("--sta-num", type=int)
-    sp.add_argument("--work-band", type=lambda s: int(s, 0))
+    sp.add_argument("index", type=BYTE)
+    sp.add_argument("channel", type=BYTE)
+    sp.add_argument("--load", type=BYTE)
+    sp.add_argument("--sta-num", type=BYTE)
+    sp.add_argument("--work-band", type=BITS)
     sp = add("send", cmd_send, "a mesh message from the lab's mesh daemon to a node (or 'broadcast')")
     sp.add_argument("node")
     sp.add_argument("type")
@@ -595,7 +688,19 @@ def main(argv=None):
     if args.command == "relay" and args.action == "show":
         args.action = "faults"
     args.dir = Path(args.dir) if getattr(args, "dir", None) else default_dir()
-    return args.func(args) or 0
+    # What a person can get wrong, or the machine refuse, ends in one line, not a traceback.
+    try:
+        return args.func(args) or 0
+    except BrokenPipeError:
+        # Whoever reads our output stopped (`nodes --json | head`): end quietly, as a program
+        # that SIGPIPE ends does; stdout goes nowhere so that nothing else fails on it.
+        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
+        return 128 + signal.SIGPIPE
+    except KeyboardInterrupt:
+        print("\nlab: interrupted", file=sys.stderr)
+        return 128 + signal.SIGINT
+    except EXPECTED_ERRORS as e:
+        fail(error_text(e))
 
 
 if __name__ == "__main__":

@@ -27,7 +27,7 @@ import time
 from pathlib import Path
 
 from lab import netns, topology as topo_mod
-from lab.driver import DriverDouble, command_code, event_code
+from lab.driver import DAEMON_PORT, SUN_PATH_MAX, DriverDouble, check_call, command_code, event_code
 from lab.journal import Journal
 from lab.loop import Loop
 from lab.relay import Relay
@@ -45,6 +45,36 @@ LAB_FILES = {"topology.json", CONTROL, CONTROLLER_PID, "mesh.jsonl", "nodes", ne
 
 class LabError(RuntimeError):
     pass
+
+
+# What goes wrong when a person asks for something the lab cannot do: told in words, without
+# a traceback, by the control socket and the command line.
+EXPECTED_ERRORS = (LabError, ValueError, KeyError, TimeoutError, OSError, netns.NamespaceError)
+
+
+def error_text(e):
+    """An error in one line for people: the message of an expected error, else its type too."""
+    if isinstance(e, KeyError) and e.args:
+        return str(e.args[0])
+    if isinstance(e, OSError) and e.strerror:
+        return e.strerror + (f": {e.filename}" if e.filename else "")
+    if isinstance(e, EXPECTED_ERRORS):
+        return str(e)
+    return f"{type(e).__name__}: {e}"
+
+
+def check_dir(lab_dir, topology=None):
+    """Refuses a lab directory whose sockets would not fit in a Unix socket address
+    (SUN_PATH_MAX bytes): the control socket's, and with `topology` every node's."""
+    lab_dir = Path(lab_dir)
+    paths = [lab_dir / CONTROL]
+    for n in topology.nodes if topology is not None else []:
+        paths.append(lab_dir / "nodes" / n.name / "run" / "maps" / f"nl-{DAEMON_PORT}")
+    longest = max(paths, key=lambda p: len(os.fsencode(p)))
+    size = len(os.fsencode(longest))
+    if size > SUN_PATH_MAX:
+        raise LabError(f"the lab directory {lab_dir} is too long: its socket {longest} would take {size} bytes, "
+                       f"a Unix socket's path at most {SUN_PATH_MAX}; choose a shorter --dir")
 
 
 def default_dir():
@@ -139,6 +169,8 @@ class Lab:
         else:
             self.topology = topo_mod.load(topology)
         self.dir = Path(lab_dir) if lab_dir else default_dir()
+        check_dir(self.dir, self.topology)
+        self._check_settings(settings or {})
         prepare_dir(self.dir)
         try:
             self._build(settings or {})
@@ -189,10 +221,16 @@ class Lab:
             raise LabError("the lab is not up")
         return self.topology.node(name)
 
+    def _check_settings(self, settings):
+        problems = self.topology.config_problems(settings)
+        if problems:
+            raise LabError("; ".join(problems))
+
     def write_conf(self, name, settings=None):
         """Adds `settings` to a node's configuration and rewrites its bandherd.conf
         (a daemon reads it when it starts)."""
         node = self.node(name)
+        self._check_settings(settings or {})
         node.config.update(settings or {})
         (self.node_dir(name) / "bandherd.conf").write_text(node.conf_lines())
 
@@ -434,7 +472,7 @@ class Lab:
                     req = json.loads(line)
                     answer = {"ok": True, "result": self.control(req)}
                 except Exception as e:       # every failure goes back to the caller
-                    answer = {"ok": False, "error": f"{type(e).__name__}: {e}"}
+                    answer = {"ok": False, "error": error_text(e)}
                 f.write(json.dumps(answer).encode() + b"\n")
                 f.flush()
                 if req.get("cmd") == "down" and answer["ok"]:
@@ -452,15 +490,22 @@ class Lab:
         if cmd == "nodes":
             return self.nodes()
         if cmd == "inject":
-            return self.inject(req["node"], event_code(req["code"]), bytes.fromhex(req.get("hex", ""))).hex()
+            code, payload = event_code(req["code"]), bytes.fromhex(req.get("hex", ""))
+            return self._event(req["node"], lambda drv: drv.inject(code, payload))
         if cmd == "sta":
+            node = self.node(req["node"])
+            told = {i: b["if"] for i, b in self.driver(node.name).state()["bss"].items()}
+            problem = node.bss_problem(req["bss_index"], told)
+            if problem:
+                raise LabError(problem)
             fields = {k: req[k] for k in ("bands", "caps", "rssi", "nss", "load", "sta_num", "active")
                       if k in req}
-            return self.driver(req["node"]).sta_event(req["event"], req["mac"], req["bss_index"],
-                                                     **fields).hex()
+            return self._event(node.name, lambda drv: drv.sta_event(req["event"], req["mac"], req["bss_index"],
+                                                                    **fields))
         if cmd == "radio":
             fields = {k: req[k] for k in ("load", "sta_num", "work_band") if k in req}
-            return self.driver(req["node"]).radio_status(req["radio_index"], req["channel"], **fields).hex()
+            return self._event(req["node"], lambda drv: drv.radio_status(req["radio_index"], req["channel"],
+                                                                         **fields))
         if cmd == "send":
             return self.send(req.get("from"), req["to"], req["type"], req.get("body", {}))
         if cmd == "announce":
@@ -469,14 +514,16 @@ class Lab:
             return self._relay_control(req)
         if cmd == "driver":
             drv = self.driver(req["node"])
+            calls = {check_call(k): _result(v) for k, v in req.get("call_results", {}).items()}
+            commands = {command_code(k): _result(v) for k, v in req.get("command_results", {}).items()}
             if "pong_version" in req:
                 drv.pong_version = req["pong_version"]
             if "ping_answer" in req:
                 drv.ping_answer = None if req["ping_answer"] is None else req["ping_answer"].encode()
             if "call_results" in req:
-                drv.call_results = dict(req["call_results"])
+                drv.call_results = calls
             if "command_results" in req:
-                drv.command_results = {command_code(k): v for k, v in req["command_results"].items()}
+                drv.command_results = commands
             return {"pong_version": drv.pong_version, "ping_answer": None if drv.ping_answer is None
                     else drv.ping_answer.decode(errors="replace"),
                     "call_results": drv.call_results, "command_results": drv.command_results}
@@ -506,6 +553,14 @@ class Lab:
                 threading.Thread(target=self.down, daemon=True).start()
             return "going down"
         raise LabError(f"unknown command {cmd!r}")
+
+    def _event(self, name, send):
+        """Sends a driver event with `send(driver)`; returns its bytes in hex."""
+        try:
+            return send(self.driver(name)).hex()
+        except OSError as e:
+            raise LabError(f"{self.node(name).name}'s daemon does not take driver events "
+                           f"({e.strerror or e}); is it running?") from None
 
     def start_scenario(self, raw, source=None, base=None):
         """Starts a scenario (a decoded scenario file) on a thread; its timeline grows in
@@ -559,6 +614,13 @@ class Lab:
                 self.announce_uplink(name)
             except Exception as e:
                 log.warning("SAP_INFO to %s not sent: %s", name, e)
+
+
+def _result(value):
+    """A result code a misbehaving driver answers with."""
+    if isinstance(value, bool) or not isinstance(value, int):
+        raise ValueError(f"a result is a whole number, not {value!r}")
+    return value
 
 
 def prepare_dir(lab_dir):
@@ -638,6 +700,7 @@ def _answers(lab_dir):
 def control_request(lab_dir, request, timeout=30.0):
     """Sends one request to the controller of `lab_dir` and returns its result;
     LabError when it refuses, OSError when no controller answers."""
+    check_dir(lab_dir)
     s = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
     s.settimeout(timeout)
     with s:
@@ -666,7 +729,8 @@ def teardown(lab_dir, timeout=30.0):
         except (OSError, LabError, ValueError):
             os.kill(pid, signal.SIGTERM)
             done = f"controller {pid} did not answer, sent SIGTERM"
-        if not wait_until(lambda: controller_pid(lab_dir) is None or not _is_alive(pid), timeout, 0.05):
+        # Gone is gone: its pid file goes before it has finished (and written its last words).
+        if not wait_until(lambda: not _is_alive(pid), timeout, 0.05):
             os.kill(pid, signal.SIGKILL)
             done += ", then SIGKILL"
             wait_until(lambda: not _is_alive(pid), 5.0)

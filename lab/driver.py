@@ -606,3 +606,10 @@ _CALLS = {
     "bss_trans_req": (["if", "sta", "target", "channel"], DriverDouble._bss_trans_req),
     "steer_maps": (["if", "buffer"], DriverDouble._steer_maps),
 }
+
+
+def check_call(name):
+    """`name` if it is a Wi-Fi call the double serves; ValueError otherwise."""
+    if name not in _CALLS:
+        raise ValueError(f"unknown Wi-Fi call {name!r} (calls: {', '.join(_CALLS)})")
+    return name

@@ -16,6 +16,7 @@ messages of its own as the mesh daemon does ("SAP_INFO").
 import copy
 import json
 import logging
+import math
 import socket
 from pathlib import Path
 
@@ -28,6 +29,34 @@ TRANSPORT_HEADER = bytes([3, 1, 0])
 ENVELOPE_SIZE = 44
 TYPE_SIZE = 32
 MAX_MESSAGE = 1 << 20
+# The types of the daemons' mesh messages: what a fault may name.
+MESSAGE_TYPES = ("SNEI_HEARTBEAT", "SNEI_EXIT", "SSTA_ASSOCIATE", "SAP_INFO",
+                 "SBTM_START", "SBTM_READY", "SBTM_FINISH",
+                 "SBOFF_START", "SBOFF_READY", "SBOFF_FINISH", "SBOFF_PREASSOC")
+
+
+def check_types(types):
+    """Raises ValueError when `types` (a list, or None for every type) names a type that is
+    not one of the daemons' message types."""
+    if types is None:
+        return
+    if not isinstance(types, (list, tuple)) or not all(isinstance(t, str) for t in types):
+        raise ValueError("message types must be a list of names")
+    unknown = [t for t in types if t not in MESSAGE_TYPES]
+    if unknown:
+        raise ValueError(f"unknown message type{'s' if len(unknown) > 1 else ''} {', '.join(unknown)} "
+                         f"(types: {', '.join(MESSAGE_TYPES)})")
+
+
+def check_seconds(seconds):
+    """`seconds` as a float if it is a finite number from 0; ValueError otherwise."""
+    try:
+        value = float(seconds)
+    except (TypeError, ValueError):
+        value = None
+    if isinstance(seconds, bool) or value is None or not math.isfinite(value) or value < 0:
+        raise ValueError(f"a delay is a number of seconds from 0, not {seconds!r}")
+    return value
 
 
 def envelope(sa, da, msg_type, body):
@@ -117,6 +146,7 @@ class Relay:
 
     def drop(self, types=None):
         """Drops every message, or (with `types`) the messages of those types, until `clear`."""
+        check_types(types)
         if types:
             self._set(lambda f: f.update(drop_types=sorted(set(f["drop_types"]) | set(types))))
         else:
@@ -124,7 +154,9 @@ class Relay:
 
     def delay(self, seconds, types=None):
         """Holds messages (of `types`, or all) for `seconds` before delivering them; 0 ends it."""
-        self._set(delay=float(seconds), delay_types=sorted(types or []))
+        seconds = check_seconds(seconds)
+        check_types(types)
+        self._set(delay=seconds, delay_types=sorted(types or []))
 
     def partition(self, *groups):
         """Splits the nodes into groups (lists of names); messages do not cross groups.

@@ -35,6 +35,7 @@ from pathlib import Path
 from lab import daemonlog, topology as topo_mod
 from lab.controller import exit_text, parse_signal
 from lab.driver import BANDS, CAPS, mac_bytes, mac_text
+from lab.relay import check_seconds, check_types
 from lab.topology import BROADCAST
 
 TIMELINE = "timeline.jsonl"
@@ -263,7 +264,9 @@ class _Checker(topo_mod.Checker):
         if "bss" in raw:
             b = raw["bss"]
             if isinstance(b, int) and not isinstance(b, bool):
-                if not 1 <= b <= 31:
+                if node is not None and node.bss_problem(b):
+                    self.err(where, node.bss_problem(b))
+                elif not 1 <= b <= 31:
                     self.err(where, f"'bss' as a number is a driver BSS index from 1 to 31, not {b}")
             elif not isinstance(b, str):
                 self.err(where, "'bss' must be a VAP's name or a driver BSS index")
@@ -327,10 +330,19 @@ class _Checker(topo_mod.Checker):
         if action not in RELAY_ACTIONS:
             self.err(where, f"'action' must be one of {', '.join(RELAY_ACTIONS)}, not {action!r}")
             return
-        if "types" in raw and not (isinstance(raw["types"], list) and all(isinstance(t, str) for t in raw["types"])):
-            self.err(where, "'types' must be a list of message types")
-        if action == "delay" and (not _number(raw.get("seconds")) or raw["seconds"] < 0):
-            self.err(where, "a delay needs 'seconds'")
+        if "types" in raw:
+            if not (isinstance(raw["types"], list) and all(isinstance(t, str) for t in raw["types"])):
+                self.err(where, "'types' must be a list of message types")
+            else:
+                try:
+                    check_types(raw["types"])
+                except ValueError as e:
+                    self.err(where, str(e))
+        if action == "delay":
+            try:
+                check_seconds(raw.get("seconds"))
+            except ValueError:
+                self.err(where, "a delay needs 'seconds', a number from 0")
         if action == "partition":
             groups = raw.get("groups")
             if not (isinstance(groups, list) and groups and all(isinstance(g, list) for g in groups)):

@@ -16,6 +16,7 @@ A topology is a JSON file:
 returns a `Topology`; every mistake found is reported in one `TopologyError`.
 """
 
+import difflib
 import ipaddress
 import json
 import re
@@ -35,6 +36,25 @@ LAB_ADDRESS = "02:1a:b0:1a:b0:00"   # the source address of mesh messages the la
 WIRED_BACKHAUL = "eth0"    # the node end of a wired backhaul link
 RESERVED_IFNAMES = ("lo", "br0")
 PEER_IFNAME = "vap-peer{}"     # the other end of a VAP's veth, inside the node
+
+# Every configuration key the daemon reads (the README's configuration table). A key
+# given anywhere else (a topology's "config", `up --set`, `Lab.write_conf`) is a
+# mistake; a key the daemon learns to read is added here, in its group.
+CONFIG_KEYS = (
+    # running and logging
+    "bandherd.enable", "bandherd.log_level", "bandherd.log_size", "bandherd.log_time", "bandherd.log_path",
+    # the node and its mesh
+    "bandherd.ess", "bandherd.en_ap", "bandherd.max_sta", "bandherd.roam_kick", "bandherd.backhaul",
+    "bandherd.mppmac", "bandherd.max_mac",
+    # rate estimation
+    "bandherd.rate_factor", "bandherd.rate_rd_ratio",
+    # RSSI on another band
+    "bandherd.rssi_2to5", "bandherd.rssi_5to2", "bandherd.rssi.5to6", "bandherd.rssi.6to5",
+    "bandherd.rssi.2to6", "bandherd.rssi.6to2",
+    # rate at an RSSI, by PHY and streams
+    "bandherd.rate_ag", "bandherd.rate_1xn", "bandherd.rate_2xn", "bandherd.rate_1xac", "bandherd.rate_2xac",
+    "bandherd.rate_2xax_2g", "bandherd.rate_2xax_5g", "bandherd.rate_2xax_6g",
+)
 
 _MAC = re.compile(r"[0-9a-f]{2}(:[0-9a-f]{2}){5}")
 _NODE_NAME = re.compile(r"[A-Za-z0-9_-]{1,12}")
@@ -121,6 +141,18 @@ class Node:
         """The VAP whose kernel or configuration-store name is `name`, or None."""
         return next((v for v in self.vaps if name in (v.ifname, v.mib)), None)
 
+    def bss_problem(self, index, told=None):
+        """Why `index` is no driver BSS index of this node, or None. A daemon numbers its VAPs
+        from 1; `told` ({index: kernel name}) is what it gave its driver (MAPS_CMD_SET_BSS), once it has."""
+        if told:
+            if index in told:
+                return None
+            have = ", ".join(f"{i} ({self.vap(n).mib if self.vap(n) else n})" for i, n in sorted(told.items()))
+            return f"node {self.name} has no BSS {index} (its daemon set up {have})"
+        if isinstance(index, int) and not isinstance(index, bool) and 1 <= index <= len(self.vaps):
+            return None
+        return f"node {self.name} has no BSS {index!r} (its {len(self.vaps)} VAPs are BSS 1 to {len(self.vaps)})"
+
     def conf_lines(self):
         """The node's bandherd.conf text."""
         return "".join(f"{k}={_conf_value(v)}\n" for k, v in self.config.items())
@@ -131,6 +163,11 @@ class Topology:
     nodes: list
     source: str = None
     raw: dict = None
+    extra_config_keys: tuple = ()     # keys this topology accepts besides CONFIG_KEYS
+
+    def config_problems(self, settings):
+        """What is wrong with configuration keys meant for this topology's nodes (a list)."""
+        return config_problems(settings, self.extra_config_keys)
 
     def node(self, name):
         """The node named `name` or whose id is `name`; KeyError if none."""
@@ -148,6 +185,26 @@ class Topology:
 
     def to_json(self):
         return json.dumps(self.raw, indent=2) + "\n"
+
+
+def config_problems(settings, extra=()):
+    """What keeps `settings` ({key: value}) from being written to a node's bandherd.conf: keys
+    the daemon does not read (neither in CONFIG_KEYS nor in `extra`), keys or values that are no
+    key=value line. A list of one-line problems."""
+    problems = []
+    known = CONFIG_KEYS + tuple(extra)
+    for k, v in settings.items():
+        if not isinstance(k, str) or not k or "=" in k or "\n" in k or k != k.strip() or k.startswith("#"):
+            problems.append(f"config key {k!r} cannot be written as a key=value line")
+            continue
+        if k not in known:
+            close = difflib.get_close_matches(k, known, 1)
+            problems.append(f"unknown config key {k!r}"
+                            + (f" (did you mean {close[0]!r}?)" if close else
+                               " (the configuration table of README.md lists the keys)"))
+        if not isinstance(v, (str, int, float, bool)) or "\n" in str(v):
+            problems.append(f"config value of {k!r} must be one line of text or a number")
+    return problems
 
 
 def _conf_value(v):
@@ -217,6 +274,8 @@ class Checker:
 
 
 class _Parser(Checker):
+    extra_config_keys = ()
+
     def mac(self, obj, key, where):
         v = obj.get(key)
         if not isinstance(v, str) or not _MAC.fullmatch(v.lower()):
@@ -228,8 +287,13 @@ class _Parser(Checker):
         return v
 
     def topology(self, raw):
-        if not self.fields(raw, "", ["nodes"], []):
+        if not self.fields(raw, "", ["nodes"], ["extra_config_keys"]):
             return None
+        extra = raw.get("extra_config_keys", [])
+        if not isinstance(extra, list) or not all(isinstance(k, str) and k for k in extra):
+            self.err("", "'extra_config_keys' must be a list of configuration keys")
+            extra = []
+        self.extra_config_keys = tuple(extra)
         nodes_raw = raw["nodes"]
         if not isinstance(nodes_raw, list) or not nodes_raw:
             self.err("", "'nodes' must be a non-empty list")
@@ -239,7 +303,7 @@ class _Parser(Checker):
         nodes = [self.node(i, n) for i, n in enumerate(nodes_raw)]
         nodes = [n for n in nodes if n is not None]
         self.across_nodes(nodes, nodes_raw)
-        return Topology(nodes)
+        return Topology(nodes, extra_config_keys=self.extra_config_keys)
 
     def node(self, index, raw):
         where = f"node #{index + 1}"
@@ -395,11 +459,8 @@ class _Parser(Checker):
         if not isinstance(raw, dict):
             self.err(where, "'config' must be an object of configuration keys")
             return {}
-        for k, v in raw.items():
-            if not k or "=" in k or "\n" in k or k != k.strip() or k.startswith("#"):
-                self.err(where, f"config key {k!r} cannot be written as a key=value line")
-            if not isinstance(v, (str, int, float, bool)) or "\n" in str(v):
-                self.err(where, f"config value of {k!r} must be one line of text or a number")
+        for problem in config_problems(raw, self.extra_config_keys):
+            self.err(where, problem)
         return dict(raw)
 
     def interface_names(self, node, where):
