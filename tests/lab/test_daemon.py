@@ -125,8 +125,8 @@ def test_broadcast_is_dispatched_on_the_others_and_dropped_by_its_sender(lab):
     assert set(beat["delivered"]) >= {"A", "B"}
     # ...and the sender drops its own.
     assert not re.search(rf"receive message from {a_id}", lab.log("A"))
-    assert re.search(r"neighbor 02:00:00:00:0a:00 is online", lab.log("B"))
-    assert re.search(rf"neighbor {b_id} is online", lab.log("A"))
+    lab.wait_log("B", r"neighbor 02:00:00:00:0a:00 is online", timeout=5)
+    lab.wait_log("A", rf"neighbor {b_id} is online", timeout=15)
 
 
 # Input from the driver or the mesh that breaks what the daemon relies on:
@@ -221,5 +221,5 @@ def test_sigterm_cleans_the_driver_and_says_goodbye(lab):
     assert lab.stop_daemon("A", signal.SIGTERM) == 0
     cleans = lab.driver("A").commands("CLEAN")
     assert len(cleans) == before + 1
-    assert any(m["sa"] == "02:00:00:00:0a:00" for m in lab.relay.messages(type="SNEI_EXIT"))
+    lab.wait_for(lambda: any(m["sa"] == A_ID for m in lab.relay.messages(type="SNEI_EXIT")), 5)
     lab.wait_log("B", r"neighbor 02:00:00:00:0a:00 is offline", timeout=5)
