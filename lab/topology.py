@@ -163,11 +163,10 @@ class Topology:
     nodes: list
     source: str = None
     raw: dict = None
-    extra_config_keys: tuple = ()     # keys this topology accepts besides CONFIG_KEYS
 
     def config_problems(self, settings):
         """What is wrong with configuration keys meant for this topology's nodes (a list)."""
-        return config_problems(settings, self.extra_config_keys)
+        return config_problems(settings)
 
     def node(self, name):
         """The node named `name` or whose id is `name`; KeyError if none."""
@@ -187,12 +186,12 @@ class Topology:
         return json.dumps(self.raw, indent=2) + "\n"
 
 
-def config_problems(settings, extra=()):
+def config_problems(settings):
     """What keeps `settings` ({key: value}) from being written to a node's bandherd.conf: keys
-    the daemon does not read (neither in CONFIG_KEYS nor in `extra`), keys or values that are no
-    key=value line. A list of one-line problems."""
+    the daemon does not read (not in CONFIG_KEYS), keys or values that are no key=value line.
+    A list of one-line problems."""
     problems = []
-    known = CONFIG_KEYS + tuple(extra)
+    known = CONFIG_KEYS
     for k, v in settings.items():
         if not isinstance(k, str) or not k or "=" in k or "\n" in k or k != k.strip() or k.startswith("#"):
             problems.append(f"config key {k!r} cannot be written as a key=value line")
@@ -274,8 +273,6 @@ class Checker:
 
 
 class _Parser(Checker):
-    extra_config_keys = ()
-
     def mac(self, obj, key, where):
         v = obj.get(key)
         if not isinstance(v, str) or not _MAC.fullmatch(v.lower()):
@@ -287,13 +284,8 @@ class _Parser(Checker):
         return v
 
     def topology(self, raw):
-        if not self.fields(raw, "", ["nodes"], ["extra_config_keys"]):
+        if not self.fields(raw, "", ["nodes"], []):
             return None
-        extra = raw.get("extra_config_keys", [])
-        if not isinstance(extra, list) or not all(isinstance(k, str) and k for k in extra):
-            self.err("", "'extra_config_keys' must be a list of configuration keys")
-            extra = []
-        self.extra_config_keys = tuple(extra)
         nodes_raw = raw["nodes"]
         if not isinstance(nodes_raw, list) or not nodes_raw:
             self.err("", "'nodes' must be a non-empty list")
@@ -303,7 +295,7 @@ class _Parser(Checker):
         nodes = [self.node(i, n) for i, n in enumerate(nodes_raw)]
         nodes = [n for n in nodes if n is not None]
         self.across_nodes(nodes, nodes_raw)
-        return Topology(nodes, extra_config_keys=self.extra_config_keys)
+        return Topology(nodes)
 
     def node(self, index, raw):
         where = f"node #{index + 1}"
@@ -459,7 +451,7 @@ class _Parser(Checker):
         if not isinstance(raw, dict):
             self.err(where, "'config' must be an object of configuration keys")
             return {}
-        for problem in config_problems(raw, self.extra_config_keys):
+        for problem in config_problems(raw):
             self.err(where, problem)
         return dict(raw)
 

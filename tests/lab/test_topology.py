@@ -49,13 +49,11 @@ def test_nodes_and_vaps_are_found_by_any_of_their_names():
 
 def test_conf_lines_are_key_value_lines_and_explicit_keys_win():
     raw = three_node()
-    # A key the lab does not know is taken when the topology names it for an experiment.
-    raw["extra_config_keys"] = ["bandherd.lrssi_5"]
     raw["nodes"][1]["config"] = {"bandherd.enable": True, "bandherd.mppmac": "02:00:00:00:0b:00",
-                                 "bandherd.lrssi_5": -70, "bandherd.ess": "wlan0;wlan1"}
+                                 "bandherd.rate_factor": -70, "bandherd.ess": "wlan0;wlan1"}
     b = topology.parse(raw).node("B")
     assert b.conf_lines() == ("bandherd.enable=1\nbandherd.mppmac=02:00:00:00:0b:00\n"
-                              "bandherd.lrssi_5=-70\nbandherd.ess=wlan0;wlan1\n")
+                              "bandherd.rate_factor=-70\nbandherd.ess=wlan0;wlan1\n")
 
 
 def test_uplink_bssid_defaults_to_the_uplink_nodes_bss_on_the_backhaul_channel():
@@ -142,10 +140,6 @@ MISTAKES = [
     ("config key with '='", _set(["B", "config", "a=b"], 1), "config key 'a=b' cannot be written"),
     ("config key the daemon does not read", _set(["B", "config", "bandherd.max_stas"], 9),
      "node 'B': unknown config key 'bandherd.max_stas' (did you mean 'bandherd.max_sta'?)"),
-    ("config key that only another topology names", _set(["B", "config", "bandherd.lrssi_5"], -70),
-     "unknown config key 'bandherd.lrssi_5'"),
-    ("extra config keys that are no list", lambda raw: raw.update(extra_config_keys="bandherd.lrssi_5"),
-     "'extra_config_keys' must be a list of configuration keys"),
     ("unknown node key", _set(["B", "radois"], []), "unknown key 'radois'"),
 ]
 
