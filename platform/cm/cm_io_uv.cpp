@@ -162,7 +162,8 @@ void cm_io_track_conn(cm_io_uv *server, cm_io_uv *conn)
     server->conns = conn;
     server->open++;
     conn->last_active = uv_now(cm_uv_loop());
-    cm_io_start_sweep(server);
+    if (!server->sweep)
+        cm_io_start_sweep(server);  // started once: re-arming it here would put it off for as long as peers come
 }
 
 void cm_io_do_accept(cm_io *server)
