@@ -185,8 +185,7 @@ void ssta_join_handler(uint8_t event, void *data, uint32_t size)
         // A band or status event of a station never seen joining leaves it
         // associated without a BSS of ours: there is no old BSS to leave.
         org_bss = sap_get_bss(sta->bss_index);
-        if (SREFUSE(org_bss))
-            sta->associated = false;
+        (void)SREFUSE(org_bss);
     }
     if (org_bss) {
         if (s_roam_kick) {
