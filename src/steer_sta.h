@@ -49,6 +49,10 @@ typedef struct ssta_status {
 } ssta_status_t;
 
 typedef void (*ssta_cb)(ssta_status_t *sta);
+// The outcome of one started steer, BTM or Backoff: called exactly once per
+// attempt that started.
+typedef void (*ssta_steer_result_cb)(bool success, ssta_status_t *sta, const uint8_t *target_bssid,
+                                     const uint8_t *target_node);
 typedef bool (*ssta_check_useable_cb)(ssta_status_t *sta, bool mem_stress);
 typedef void (*ssta_bss_cb)(ssta_status_t *sta, sap_bss_t *bss);
 typedef bool (*ssta_iterate_cb)(ssta_status_t *sta, void *data);

@@ -241,6 +241,13 @@ void sven_del_nbr_info(const char *ifname, uint32_t bandtype)
     }
 }
 
+int sven_bss_trans_req(const char *ifname, const maps_msg_bss_trans_req_t *req)
+{
+    SASSERT(ifname);
+    SASSERT(req);
+    return uwb_bss_trans_req(ifname, req);
+}
+
 int sven_pre_btm(const char *ifname)
 {
     SASSERT(ifname);

@@ -28,6 +28,8 @@ int sven_get_uplink_rate(const char *backhaul_if, const uint8_t *mpp, sven_same_
 void sven_prepare_vap(const char *ifname);
 void sven_add_nbr_info(const char *ifname);
 void sven_del_nbr_info(const char *ifname, uint32_t bandtype);
+// An 802.11v BSS transition request on the station's serving interface.
+int sven_bss_trans_req(const char *ifname, const maps_msg_bss_trans_req_t *req);
 int sven_pre_btm(const char *ifname);
 int sven_post_btm(const char *ifname);
 bool sven_is_vap(const char *ifname, char *mib_ifname);

@@ -136,7 +136,7 @@ int uwb_get_bssid(const char *, uint8_t *bssid, int)
 
 int uwb_kick_sta(const char *ifname, const uint8_t *mac, int)
 {
-    return record(std::string("kick_sta ") + ifname + " " + mac_text(mac));
+    return record(std::string("kick_sta ") + ifname + " " + mac_text(mac), g_fake_uwb.kick_result);
 }
 
 int uwb_set_bssload(const char *ifname, int load)
@@ -155,6 +155,13 @@ int uwb_add_rrm_neighbor(const char *ifname, const uwb_rrm_nbr_t *e)
 int uwb_del_rrm_neighbor(const char *ifname, const uint8_t *bssid, int)
 {
     return record(std::string("del_rrm_neighbor ") + ifname + " " + mac_text(bssid), g_fake_uwb.rrm_result);
+}
+
+int uwb_bss_trans_req(const char *ifname, const struct maps_msg_bss_trans_req *req)
+{
+    return record(std::string("bss_trans_req ") + ifname + " " + mac_text(req->sta) + " " + mac_text(req->bss) + " " +
+                      std::to_string(req->channel),
+                  g_fake_uwb.btm_result);
 }
 
 int uwb_steer_maps(const char *ifname, void *req, size_t size, void *rsp)

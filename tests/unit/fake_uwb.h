@@ -34,6 +34,8 @@ struct fake_uwb_state {
     std::string bssid;  // uplink BSSID of any station interface, "" = call fails
     int link_rate = -1;  // -1 = sta_info fails
     int rrm_result = 0;
+    int kick_result = 0;  // what kick_sta answers
+    int btm_result = 0;   // what bss_trans_req answers
     std::vector<std::string> calls;  // "name ifname args..." of recorded calls
     std::vector<fake_maps_cmd> maps;  // every MAPS command, in order
     int os_ifname_calls = 0;
