@@ -339,6 +339,15 @@ void ssta_exit()
         sev_del_timer(s_gc_timer);
         s_gc_timer = nullptr;
     }
+    // Every record goes, each through the fini callback, so that the modules
+    // free what they hung on it and lift what they asked of the driver.
+    for (ssta_hnode *&head : s_sta_hash_heads) {
+        while (head) {
+            ssta_status_t *sta = ssta_of(head);
+            ssta_remove(sta);
+            free(sta);
+        }
+    }
 }
 
 #define SSTA_SET_CB(fn, slot, type)                          \
