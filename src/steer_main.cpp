@@ -10,6 +10,7 @@
 #include "steer.h"
 #include "steer_conf.h"
 #include "steer_ap.h"
+#include "steer_cmd.h"
 #include "steer_ctl.h"
 #include "steer_drv.h"
 #include "steer_ev.h"
@@ -92,6 +93,7 @@ const steer_module s_modules[] = {
     {snei_init, snei_exit},
     {ssta_init, ssta_exit},
     {sctl_init, sctl_exit},
+    {scmd_init, scmd_exit},
     {sven_init, sven_exit},
 };
 

@@ -248,6 +248,18 @@ int sven_bss_trans_req(const char *ifname, const maps_msg_bss_trans_req_t *req)
     return uwb_bss_trans_req(ifname, req);
 }
 
+int sven_beacon_req(const char *ifname, const uint8_t *sta, uint8_t channel, const char *ssid)
+{
+    SASSERT(ifname);
+    SASSERT(sta);
+    SASSERT(ssid);
+    beacon_req_params_t params = {};
+    params.channel = channel;
+    mac_copy(params.sta_mac, sta);
+    snprintf(params.ssid, sizeof(params.ssid), "%s", ssid);
+    return uwb_beacon_req(ifname, &params);
+}
+
 int sven_pre_btm(const char *ifname)
 {
     SASSERT(ifname);

@@ -30,6 +30,8 @@ void sven_add_nbr_info(const char *ifname);
 void sven_del_nbr_info(const char *ifname, uint32_t bandtype);
 // An 802.11v BSS transition request on the station's serving interface.
 int sven_bss_trans_req(const char *ifname, const maps_msg_bss_trans_req_t *req);
+// An 802.11k beacon request for `ssid` on `channel`.
+int sven_beacon_req(const char *ifname, const uint8_t *sta, uint8_t channel, const char *ssid);
 int sven_pre_btm(const char *ifname);
 int sven_post_btm(const char *ifname);
 bool sven_is_vap(const char *ifname, char *mib_ifname);

@@ -157,6 +157,12 @@ int uwb_del_rrm_neighbor(const char *ifname, const uint8_t *bssid, int)
     return record(std::string("del_rrm_neighbor ") + ifname + " " + mac_text(bssid), g_fake_uwb.rrm_result);
 }
 
+int uwb_beacon_req(const char *ifname, const beacon_req_params_t *p)
+{
+    return record(std::string("beacon_req ") + ifname + " " + mac_text(p->sta_mac) + " " + std::to_string(p->channel) +
+                  " " + p->ssid);
+}
+
 int uwb_bss_trans_req(const char *ifname, const struct maps_msg_bss_trans_req *req)
 {
     return record(std::string("bss_trans_req ") + ifname + " " + mac_text(req->sta) + " " + mac_text(req->bss) + " " +
