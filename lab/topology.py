@@ -54,6 +54,18 @@ CONFIG_KEYS = (
     # rate at an RSSI, by PHY and streams
     "bandherd.rate_ag", "bandherd.rate_1xn", "bandherd.rate_2xn", "bandherd.rate_1xac", "bandherd.rate_2xac",
     "bandherd.rate_2xax_2g", "bandherd.rate_2xax_5g", "bandherd.rate_2xax_6g",
+    # steering limits and prohibitions
+    "bandherd.ph_short_base", "bandherd.ph_short_factor", "bandherd.ph_short_max",
+    "bandherd.ph_long_base", "bandherd.ph_long_factor", "bandherd.ph_long_max",
+    # BTM steering
+    "bandherd.en_btm", "bandherd.btm_no_2g", "bandherd.btm_timeout", "bandherd.msg_sync_timeout",
+    "bandherd.ph_low_rssi", "bandherd.btm_prohibit", "bandherd.btm_interval", "bandherd.btm_burst",
+    # Backoff steering
+    "bandherd.en_boff", "bandherd.en_boff_active", "bandherd.reject_cnt", "bandherd.boff_block_less",
+    "bandherd.boff_timeout", "bandherd.boff_interval", "bandherd.boff_burst",
+    # steering actions
+    "bandherd.btm_dual_band", "bandherd.en_btm_fb", "bandherd.seesaw_interval", "bandherd.seesaw_tolerance",
+    "bandherd.fb_rssi_dither",
 )
 
 _MAC = re.compile(r"[0-9a-f]{2}(:[0-9a-f]{2}){5}")

@@ -131,18 +131,21 @@ int scmd_sta(FILE *f, int argc, char **argv)
         }
         arg.detail = true;
     }
-    fprintf(f, "current time: %ld\n", static_cast<long>(g_time));
+    ssta_status_t *sta = nullptr;
     if (optind < argc) {
         uint8_t mac[MAC_LEN];
         if (mac_scan(argv[optind], mac) != 0) {
             fprintf(f, "error: invalid mac '%s'\n", argv[optind]);
             return -1;
         }
-        ssta_status_t *sta = ssta_find(mac);
+        sta = ssta_find(mac);
         if (!sta) {
             fprintf(f, "error: sta " MAC_FMT " doesn't exist\n", MAC_ARG(mac));
             return -1;
         }
+    }
+    fprintf(f, "current time: %ld\n", static_cast<long>(g_time));
+    if (sta) {
         scmd_print_sta(sta, &arg);
     } else {
         ssta_iterate(scmd_print_sta, &arg);
