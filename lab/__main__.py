@@ -263,16 +263,28 @@ def cmd_messages(args):
         print(json.dumps(m))
 
 
-def cmd_exec(args):
+def exec_in_node(args, argv):
     ledger = netns.Ledger.read(args.dir)
     if ledger is None or args.node not in ledger.data["nodes"]:
         fail(f"no node {args.node!r} is up in {args.dir}")
     pid = ledger.data["nodes"][args.node]["pid"]
+    cmd = netns.enter_command(pid, ledger.data["root"], os.getcwd()) + argv
+    os.execvp(cmd[0], cmd)
+
+
+def cmd_exec(args):
     argv = args.argv or [os.environ.get("SHELL", "/bin/sh")]
     if argv and argv[0] == "--":
         argv = argv[1:]
-    cmd = netns.enter_command(pid, ledger.data["root"], os.getcwd()) + argv
-    os.execvp(cmd[0], cmd)
+    exec_in_node(args, argv)
+
+
+STEER_CLI = Path(__file__).resolve().parents[1] / "tools" / "steer_cli.sh"
+
+
+def cmd_cli(args):
+    argv = args.argv[1:] if args.argv[:1] == ["--"] else args.argv
+    exec_in_node(args, ["sh", str(STEER_CLI), *argv])
 
 
 # -- driving ----------------------------------------------------------------------------
@@ -624,6 +636,9 @@ def parser():
     sp.add_argument("node")
     sp.add_argument("-f", "--follow", action="store_true")
     sp = add("exec", cmd_exec, "run a command (default: a shell) inside a node")
+    sp.add_argument("node")
+    sp.add_argument("argv", nargs=argparse.REMAINDER)
+    sp = add("cli", cmd_cli, "run the operator's front end tools/steer_cli.sh inside a node: cli A sta -l")
     sp.add_argument("node")
     sp.add_argument("argv", nargs=argparse.REMAINDER)
     sp = add("inject", cmd_inject, "send a driver event (code or name, payload in hex) to a node's daemon")

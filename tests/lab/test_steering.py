@@ -10,6 +10,7 @@ neighbours have 3 s to answer, a first short prohibition lasts 4 s.
 
 import re
 import subprocess
+import sys
 import time
 from pathlib import Path
 
@@ -212,6 +213,13 @@ def test_command_channel_edges(lab):
             lab.wait_log("A", re.escape(mac(0x40 + i)) + " associate bss1")
     rc, out = cli(lab, "A", "sta", "-l")
     assert rc == 0 and len(out) > 65536 and out.count("sbtm/state:") == 104
+
+
+def test_the_lab_command_line_runs_the_front_end_in_a_node(lab):
+    p = subprocess.run([sys.executable, "-m", "lab", "--dir", str(lab.dir), "cli", "B", "allow", mac(1)],
+                       cwd=REPO, capture_output=True, text=True, timeout=60)
+    # B knows the station from the mesh only, not its capabilities: no BTM there.
+    assert (p.returncode, p.stdout) == (0, "sact_allowed: Yes\nsbtm_allowed: No\nsboff_allowed: Yes\n")
 
 
 def test_without_a_daemon_the_front_end_says_so(lab):
