@@ -60,15 +60,18 @@ bool scmd_managed(ssta_status_t *sta)
     return sta->associated && ssta_get_serving_bss(sta) != nullptr;
 }
 
-// The BSS on this node or a neighbour, with its node.
-bool scmd_find_bss(const uint8_t *bssid, sap_bss_t **bss, sap_node_t **node)
+// The BSS on this node or a neighbour, with its node; false with an error line.
+bool scmd_find_bss(FILE *f, const uint8_t *bssid, sap_bss_t **bss, sap_node_t **node)
 {
     *bss = sap_find_bss_on_node(&g_self, bssid);
     if (*bss) {
         *node = &g_self;
         return true;
     }
-    return snei_find_bss(bssid, node, bss) == 0;
+    if (snei_find_bss(bssid, node, bss) == 0)
+        return true;
+    fprintf(f, "error: can't find bssid " MAC_FMT "\n", MAC_ARG(bssid));
+    return false;
 }
 
 void scmd_act_result(ssta_status_t *sta, const uint8_t *bssid, bool success)
@@ -284,8 +287,7 @@ int scmd_act(FILE *f, int argc, char **argv)
     }
     sap_bss_t *bss = nullptr;
     sap_node_t *node = nullptr;
-    if (!scmd_find_bss(bssid, &bss, &node)) {
-        fprintf(f, "error: can't find bssid " MAC_FMT "\n", MAC_ARG(bssid));
+    if (!scmd_find_bss(f, bssid, &bss, &node)) {
         return -1;
     }
     sta->btm_reason = SBTM_FROM_CMD;
@@ -317,8 +319,7 @@ int scmd_allow(FILE *f, int argc, char **argv)
     }
     sap_bss_t *bss = nullptr;
     sap_node_t *node = nullptr;
-    if (argc == 3 && !scmd_find_bss(bssid, &bss, &node)) {
-        fprintf(f, "error: can't find bssid " MAC_FMT "\n", MAC_ARG(bssid));
+    if (argc == 3 && !scmd_find_bss(f, bssid, &bss, &node)) {
         return -1;
     }
     const uint8_t *target = argc == 3 ? bssid : nullptr;
@@ -393,8 +394,7 @@ int scmd_bt(FILE *f, int argc, char **argv)
     }
     sap_bss_t *bss = nullptr;
     sap_node_t *node = nullptr;
-    if (!scmd_find_bss(bssid, &bss, &node)) {
-        fprintf(f, "error: can't find bssid " MAC_FMT "\n", MAC_ARG(bssid));
+    if (!scmd_find_bss(f, bssid, &bss, &node)) {
         return -1;
     }
     sta->btm_reason = SBTM_FROM_CMD;
