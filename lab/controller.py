@@ -27,6 +27,7 @@ import time
 from pathlib import Path
 
 from lab import netns, topology as topo_mod
+from lab.world import World, blocked_everywhere
 from lab.driver import DAEMON_PORT, SUN_PATH_MAX, DriverDouble, check_call, command_code, event_code
 from lab.journal import Journal
 from lab.loop import Loop
@@ -193,6 +194,7 @@ class Lab:
         for node in self.topology.nodes:
             journal = Journal(self.node_dir(node.name) / "driver.jsonl")
             self.drivers[node.name] = DriverDouble(node, self.node_dir(node.name), self.loop, journal)
+        self.world = World(self.topology, self.loop, Journal(self.dir / "world.jsonl"), self.drivers)
         self.loop.start()
         self.loop.call(self._start_sockets)
         self._start_control()
@@ -342,6 +344,13 @@ class Lab:
             raise LabError(f"{node.name} has no wireless backhaul")
         up = self.node(node.backhaul.uplink)
         return self.send(None, node.name, "SAP_INFO", {"mac": up.id, "hopcont": node.backhaul.hops})
+
+    def blocked_everywhere(self):
+        """{station mac: longest seconds it was blocked on every BSS of an ESS on every node}."""
+        records = sorted((r for d in self.drivers.values() for r in d.commands("SET_STA")), key=lambda r: r["mono"])
+        indices = {name: {v.ifname: d.bss_index(v) for v in d.node.vaps if d.bss_index(v) is not None}
+                   for name, d in self.drivers.items()}
+        return blocked_everywhere(records, self.topology, indices)
 
     def wait_for(self, predicate, timeout=10.0, step=0.02):
         """Polls `predicate` until it returns something true and returns that; TimeoutError otherwise."""

@@ -16,6 +16,7 @@ in memory and appended to <lab>/nodes/<name>/driver.jsonl.
 import copy
 import logging
 import socket
+import time
 import struct
 from pathlib import Path
 
@@ -236,6 +237,8 @@ class DriverDouble:
         self.nl = None
         self.uwb = None
         self._conns = {}
+        self.world = None         # the radio world, when the lab has one: kicks and requests move its stations
+        self._rejects = {}        # station mac -> [refusals in a row, monotonic time of the last]
         check_socket_path(self.maps_dir / f"nl-{DAEMON_PORT}")
 
     # -- life ------------------------------------------------------------------
@@ -497,8 +500,10 @@ class DriverDouble:
         return [iface.bssid]
 
     def _kick_sta(self, rec, ifname, mac):
-        mac_bytes(mac)
-        self._vap(ifname)
+        mac = mac_text(mac_bytes(mac))
+        vap = self._vap(ifname)
+        if self.world is not None:  # after the answer, as a driver deauthenticates after the call
+            self.loop.call_soon(self.world.kicked, self.node.name, vap, mac)
         return []
 
     def _set_bssload(self, rec, ifname, load):
@@ -525,11 +530,60 @@ class DriverDouble:
         return []
 
     def _bss_trans_req(self, rec, ifname, sta, target, channel):
-        self._vap(ifname)
-        mac_bytes(sta)
-        mac_bytes(target)
-        int(channel)
+        vap = self._vap(ifname)
+        sta, target, channel = mac_text(mac_bytes(sta)), mac_text(mac_bytes(target)), int(channel)
+        if self.world is not None:
+            self.loop.call_soon(self.world.btm_request, self.node.name, vap, sta, target, channel)
         return []
+
+    # -- association control (loop thread) --------------------------------------
+
+    def bss_index(self, vap):
+        """The index the daemon gave this VAP (MAPS_CMD_SET_BSS), or None."""
+        for index, bss in self._state["bss"].items():
+            if bss.get("if") == vap.ifname:
+                return int(index)
+        return None
+
+    def block_of(self, mac):
+        """(mode, block_bss) the daemon set for a station, or None."""
+        entry = self._state["sta"].get(mac)
+        return entry and (entry["mode"], entry["block_bss"])
+
+    def refuses(self, vap, mac, rssi):
+        """Whether an association attempt of `mac` on `vap` at `rssi` is refused, as the driver
+        decides it: the station's block mode, else its radio's refusal mode. Like a real driver it
+        gives up after `reject_max_cnt` refusals of one station within `reject_age` seconds (2 and
+        20 until the daemon's MAPS_CMD_SET_CONFIG says otherwise). A refusal sends MAPS_EV_REJECT."""
+        index = self.bss_index(vap)
+        mode, bits = self.block_of(mac) or ("MAPS_BLOCK_DEFAULT", 0)
+        if mode == "MAPS_BLOCK_DISBALE":
+            return False
+        if mode == "MAPS_BLOCK_BSS":
+            refused = bool(bits >> index & 1)
+        else:
+            conf = next((self._state["radio_conf"].get(i) for i, ifs in self._state["radios"].items()
+                         if vap.ifname in ifs), None)
+            band_mode = conf and conf["mode"]
+            refused = band_mode == "MAPS_BAND_BLOCK" or (
+                band_mode == "MAPS_BAND_BLOCK_RSSI" and conf["reject_rssi_lower"] <= rssi <= conf["reject_rssi_upper"])
+        if not refused:
+            return False
+        config = self._state["config"] or {}
+        most, age = config.get("reject_max_cnt", 2), config.get("reject_age", 20)
+        now = time.monotonic()
+        count, last = self._rejects.get(mac, (0, now))
+        if now - last > age:
+            count = 0
+        if count >= most:
+            return False
+        count += 1
+        self._rejects[mac] = (count, now)
+        try:
+            self.inject(EV["REJECT"], mac_bytes(mac) + bytes([index, count, rssi & 0xff]))
+        except OSError:
+            pass  # the refusal stands whether or not a daemon hears of it
+        return True
 
     def _steer_maps(self, rec, ifname, buffer):
         iface = self._iface(ifname)

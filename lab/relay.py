@@ -15,6 +15,7 @@ messages of its own as the mesh daemon does ("SAP_INFO").
 
 import copy
 import json
+import random
 import logging
 import math
 import socket
@@ -91,6 +92,7 @@ def parse_envelope(data):
 
 class Relay:
     def __init__(self, topology, lab_dir, loop, journal):
+        self._random = random.Random(0)  # the same losses run after run
         self.topology = topology
         self.lab_dir = Path(lab_dir)
         self.loop = loop
@@ -131,7 +133,7 @@ class Relay:
 
     @staticmethod
     def _no_faults():
-        return {"drop_all": False, "drop_types": [], "delay": 0.0, "delay_types": [], "groups": None}
+        return {"drop_all": False, "drop_types": [], "delay": 0.0, "delay_types": [], "groups": None, "loss": 0.0}
 
     def faults(self):
         return self.loop.call(lambda: json.loads(json.dumps(self._faults)))
@@ -151,6 +153,13 @@ class Relay:
             self._set(lambda f: f.update(drop_types=sorted(set(f["drop_types"]) | set(types))))
         else:
             self._set(drop_all=True)
+
+    def loss(self, fraction):
+        """Loses each message to each node with probability `fraction` (0 ends it), as a lossy link does."""
+        fraction = float(fraction)
+        if not 0 <= fraction <= 1:
+            raise ValueError("loss is a fraction from 0 to 1")
+        self._set(loss=fraction)
 
     def delay(self, seconds, types=None):
         """Holds messages (of `types`, or all) for `seconds` before delivering them; 0 ends it."""
@@ -289,10 +298,12 @@ class Relay:
         src = sender.name if sender else None
         reachable = []
         for node in targets:
-            if self._reachable(src, node.name):
-                reachable.append(node)
-            else:
+            if not self._reachable(src, node.name):
                 rec["undelivered"][node.name] = "partitioned"
+            elif f["loss"] and self._random.random() < f["loss"]:
+                rec["undelivered"][node.name] = "lost"
+            else:
+                reachable.append(node)
         delay = f["delay"]
         if delay > 0 and (not f["delay_types"] or rec["type"] in f["delay_types"]):
             rec["delayed"] = delay
