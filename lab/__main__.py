@@ -342,6 +342,10 @@ def cmd_relay(args):
             fail("relay delay SECONDS [TYPE...]")
         req["seconds"] = check_seconds(args.args[0])
         req["types"] = args.args[1:] or None
+    elif args.action == "loss":
+        if len(args.args) != 1:
+            fail("relay loss FRACTION (0 to 1; 0 ends it)")
+        req["fraction"] = args.args[0]
     elif args.action == "partition":
         if not args.args:
             fail("relay partition GROUP [GROUP...], each a comma-separated list of nodes (A,B C)")
@@ -669,8 +673,9 @@ def parser():
     sp.add_argument("type")
     sp.add_argument("json")
     sp.add_argument("--from", dest="sender", default=None, help="send as this node (default: the lab)")
-    sp = add("relay", cmd_relay, "mesh faults: drop [TYPE..] | delay S [TYPE..] | partition A,B C | heal | clear | show")
-    sp.add_argument("action", choices=["drop", "delay", "partition", "heal", "clear", "show"])
+    sp = add("relay", cmd_relay,
+             "mesh faults: drop [TYPE..] | delay S [TYPE..] | loss FRACTION | partition A,B C | heal | clear | show")
+    sp.add_argument("action", choices=["drop", "delay", "loss", "partition", "heal", "clear", "show"])
     sp.add_argument("args", nargs="*")
     sp = add("driver", cmd_driver, "driver misbehaviour of a node")
     sp.add_argument("node")

@@ -41,7 +41,7 @@ CONTROLLER_PID = "controller.pid"
 CONF_IN_NODE = "/var/bandherd.conf"
 # Files of a lab directory that `up` may replace; anything else makes it refuse.
 LAB_FILES = {"topology.json", CONTROL, CONTROLLER_PID, "mesh.jsonl", "nodes", netns.LEDGER,
-             "pids.tmp", "controller.log", "timeline.jsonl"}
+             "pids.tmp", "controller.log", "timeline.jsonl", "world.jsonl"}
 
 
 class LabError(RuntimeError):
@@ -587,7 +587,7 @@ class Lab:
         r = self.relay
         if action != "faults":
             try:
-                r.apply(action, req.get("types"), req.get("seconds"), req.get("groups"))
+                r.apply(action, req.get("types"), req.get("seconds"), req.get("groups"), req.get("fraction"))
             except ValueError as e:
                 raise LabError(str(e)) from None
         return r.faults()

@@ -189,12 +189,17 @@ class Relay:
         """Ends every fault: no drops, no delay, no partition."""
         self._set(**self._no_faults())
 
-    def apply(self, action, types=None, seconds=None, groups=None):
-        """One fault action by name: drop, delay, partition, heal or clear."""
+    def apply(self, action, types=None, seconds=None, groups=None, fraction=None):
+        """One fault action by name: drop, delay, loss, partition, heal or clear."""
         if action == "drop":
             self.drop(types)
         elif action == "delay":
             self.delay(seconds, types)
+        elif action == "loss":
+            try:
+                self.loss(fraction)
+            except (TypeError, ValueError):
+                raise ValueError(f"a loss is a fraction from 0 to 1, not {fraction!r}") from None
         elif action == "partition":
             self.partition(*groups)
         elif action == "heal":

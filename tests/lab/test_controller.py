@@ -94,12 +94,13 @@ def test_the_command_line_drives_a_running_lab(lab, lab_dir):
                 (["driver", "A", "--fail", "kick_sta=x"], "--fail kick_sta=x: the result after '=' must be a whole"),
                 (["relay", "drop", "SNEI_HEARTBEAT_TYPO"], "unknown message type SNEI_HEARTBEAT_TYPO"),
                 (["relay", "delay", "abc"], "a delay is a number of seconds from 0, not 'abc'"),
-                (["relay", "heal", "now"], "relay heal takes no arguments")]:
+                (["relay", "heal", "now"], "relay heal takes no arguments"),
+                (["relay", "loss", "2"], "a loss is a fraction from 0 to 1, not '2'")]:
             r = lab_cli(lab_dir, *args)
             assert (r.returncode, r.stdout, r.stderr.count("\n")) == (1, "", 1), (args, r)
             assert says in r.stderr, (args, r.stderr)
         assert lab.relay.faults() == {"drop_all": False, "drop_types": [], "delay": 0.0, "delay_types": [],
-                                      "groups": None}
+                                      "groups": None, "loss": 0.0}
         assert lab.driver("A").call_results == {}
         # A reader that stops reading (`nodes --json | head`) ends the command quietly, as SIGPIPE would.
         read_end, write_end = os.pipe()

@@ -121,7 +121,7 @@ def test_drops_by_type_and_of_everything_until_cleared(lab_dir, mesh):
         ("SNEI_HEARTBEAT", None)]
     assert steer["B"].wait(2) == [start, beat]
     assert relay.faults() == {"drop_all": False, "drop_types": [], "delay": 0.0, "delay_types": [],
-                              "groups": None}
+                              "groups": None, "loss": 0.0}
 
 
 def test_a_partition_keeps_messages_inside_their_group(lab_dir, mesh):
