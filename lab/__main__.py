@@ -353,6 +353,49 @@ def cmd_relay(args):
     print_json(request(args, req))
 
 
+def cmd_world(args):
+    req = {"cmd": "world", "action": args.action}
+    a = args.args
+    need = {"add": (1, 1), "join": (1, 3), "leave": (1, 1), "rssi": (2, 4), "timeline": (1, 1), "show": (0, 0)}
+    lo, hi = need[args.action]
+    if not lo <= len(a) <= hi or (args.action == "join" and len(a) == 2) or (args.action == "rssi" and len(a) == 3):
+        fail(f"world {args.action}: {WORLD_USAGE[args.action]}")
+    if a:
+        req["mac"] = a[0].lower()
+    if args.action == "add":
+        req.update(ssid=args.ssid, btm=args.btm, caps=args.caps, bands=args.bands, rssi=args.rssi)
+        req["at"] = []
+        for spec in args.at or []:
+            m = re.fullmatch(r"([^:=]+):([^=]+)=(-?\d+)", spec)
+            if not m:
+                fail(f"world add: --at NODE:VAP=RSSI, not {spec!r}")
+            req["at"].append([m.group(1), m.group(2), int(m.group(3))])
+    elif args.action == "join" and len(a) == 3:
+        req.update(node=a[1], vap=a[2])
+    elif args.action == "rssi":
+        req["rssi"] = int(a[1])
+        if len(a) == 4:
+            req.update(node=a[2], vap=a[3])
+    answer = request(args, req)
+    if args.action == "timeline":
+        for r in answer:
+            rest = " ".join(f"{k}={v}" for k, v in r.items() if k not in ("kind", "what", "mac", "t", "mono"))
+            print(f"{r['mono']:12.2f}  {r['what']:<13} {rest}")
+        return
+    for st in answer:
+        where = " ".join(st["where"]) if st["where"] else "(out)"
+        blocks = ", ".join(f"{n}: {m[0][len('MAPS_BLOCK_'):]} {m[1]:#x}" for n, m in st["blocks"].items())
+        print(f"{st['mac']}  {st['ssid']:<8} btm={st['btm']:<6} on {where:<10} lock-outs {st['lockouts']}  "
+              f"blocks {blocks or '-'}")
+
+
+WORLD_USAGE = {
+    "add": "MAC [--ssid S] [--btm obey|reject|ignore|sticky] [--caps C] [--bands B] [--rssi R] [--at NODE:VAP=R ...]",
+    "join": "MAC [NODE VAP]  (without a BSS: the strongest that lets it in)",
+    "leave": "MAC", "rssi": "MAC RSSI [NODE VAP]", "timeline": "MAC", "show": "(no arguments)",
+}
+
+
 def cmd_driver(args):
     req = {"cmd": "driver", "node": args.node}
     if args.reset:
@@ -677,6 +720,15 @@ def parser():
              "mesh faults: drop [TYPE..] | delay S [TYPE..] | loss FRACTION | partition A,B C | heal | clear | show")
     sp.add_argument("action", choices=["drop", "delay", "loss", "partition", "heal", "clear", "show"])
     sp.add_argument("args", nargs="*")
+    sp = add("world", cmd_world, "stations that answer like real ones: add | join | leave | rssi | show | timeline")
+    sp.add_argument("action", choices=["add", "join", "leave", "rssi", "show", "timeline"])
+    sp.add_argument("args", nargs="*")
+    sp.add_argument("--ssid", default="herd")
+    sp.add_argument("--btm", choices=["obey", "reject", "ignore", "sticky"], default="obey")
+    sp.add_argument("--caps", type=number(0, 31))
+    sp.add_argument("--bands", type=number(0, 31))
+    sp.add_argument("--rssi", type=number(-128, 0))
+    sp.add_argument("--at", action="append", metavar="NODE:VAP=RSSI")
     sp = add("driver", cmd_driver, "driver misbehaviour of a node")
     sp.add_argument("node")
     sp.add_argument("--pong-version", help="version text of the netlink pong")

@@ -521,6 +521,8 @@ class Lab:
             return self.announce_uplink(req["node"])
         if cmd == "relay":
             return self._relay_control(req)
+        if cmd == "world":
+            return self._world_control(req)
         if cmd == "driver":
             drv = self.driver(req["node"])
             calls = {check_call(k): _result(v) for k, v in req.get("call_results", {}).items()}
@@ -591,6 +593,38 @@ class Lab:
             except ValueError as e:
                 raise LabError(str(e)) from None
         return r.faults()
+
+    def _world_vap(self, node, name):
+        vap = self.node(node).vap(name)
+        if vap is None:
+            raise LabError(f"node {node} has no VAP {name!r}")
+        return vap
+
+    def _world_control(self, req):
+        w, action = self.world, req["action"]
+        mac = req.get("mac")
+        if req.get("node") is not None:
+            self._world_vap(req["node"], req.get("vap"))
+        try:
+            if action == "add":
+                at = {}
+                for node, vap, rssi in req.get("at", []):
+                    at[(node, self._world_vap(node, vap).ifname)] = rssi
+                fields = {k: req[k] for k in ("bands", "caps", "rssi", "btm", "active") if req.get(k) is not None}
+                w.add(mac, req.get("ssid", "herd"), rssi_to=at, **fields)
+            elif action == "join":
+                w.connect(mac, req.get("node"), req.get("vap"))
+            elif action == "leave":
+                w.disconnect(mac)
+            elif action == "rssi":
+                w.set_rssi(mac, req["rssi"], req.get("node"), req.get("vap"))
+            elif action == "timeline":
+                return w.timeline(mac)
+            return w.show()
+        except KeyError as e:
+            raise LabError(f"the world has no station {e.args[0]}") from None
+        except ValueError as e:
+            raise LabError(str(e)) from None
 
     # -- the background controller -------------------------------------------------
 

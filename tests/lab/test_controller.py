@@ -95,7 +95,9 @@ def test_the_command_line_drives_a_running_lab(lab, lab_dir):
                 (["relay", "drop", "SNEI_HEARTBEAT_TYPO"], "unknown message type SNEI_HEARTBEAT_TYPO"),
                 (["relay", "delay", "abc"], "a delay is a number of seconds from 0, not 'abc'"),
                 (["relay", "heal", "now"], "relay heal takes no arguments"),
-                (["relay", "loss", "2"], "a loss is a fraction from 0 to 1, not '2'")]:
+                (["relay", "loss", "2"], "a loss is a fraction from 0 to 1, not '2'"),
+                (["world", "join", "02:aa:00:00:00:99"], "the world has no station 02:aa:00:00:00:99"),
+                (["world", "rssi", "02:aa:00:00:00:99", "-60", "A", "nosuch"], "node A has no VAP 'nosuch'")]:
             r = lab_cli(lab_dir, *args)
             assert (r.returncode, r.stdout, r.stderr.count("\n")) == (1, "", 1), (args, r)
             assert says in r.stderr, (args, r.stderr)
