@@ -974,6 +974,13 @@ class Runner:
             elif r["kind"] == "driver" and not r.get("query"):
                 name = r.get("call") or r.get("cmd") or r.get("netlink")
                 actions[name] = actions.get(name, 0) + 1
+        # No station may stay blocked on every BSS of its ESS longer than the Backoff time-out allows.
+        limit = 2 + max(int(n.config.get("bandherd.boff_timeout", 25)) for n in self.topology.nodes)
+        blocked = {mac: round(t, 2) for mac, t in self.lab.blocked_everywhere().items()}
+        for mac, t in blocked.items():
+            if t > limit:
+                self.failed.append({"n": "-", "do": "check", "at": round(self.now(), 3) if self._base else 0.0,
+                                    "error": f"{mac} was blocked on every BSS of its ESS for {t} s (limit {limit} s)"})
         stations = {n.name: {v.mib: [] for v in n.vaps} for n in self.topology.nodes}
         for st in self.stations.values():
             if st.on is not None and st.on[1] is not None:
@@ -982,7 +989,7 @@ class Runner:
                 "stopped": self._stop.is_set(), "steps": sum(1 for r in self.records if r["kind"] == "step"),
                 "failed": self.failed, "stations": stations, "world_counts": self.world_history,
                 "heartbeat_counts": self.view.count_history, "neighbours": self.view.neighbour_history,
-                "messages": messages, "driver_actions": actions,
+                "messages": messages, "driver_actions": actions, "blocked_everywhere": blocked,
                 "daemons": {n.name: self._daemon_state(n.name) for n in self.topology.nodes}}
 
 
@@ -1118,5 +1125,7 @@ def summary_lines(s):
     out.append("mesh messages: " + (", ".join(f"{k} {v}" for k, v in sorted(s["messages"].items())) or "none"))
     out.append("driver commands and calls: "
                + (", ".join(f"{k} {v}" for k, v in sorted(s["driver_actions"].items())) or "none"))
+    longest = max(s.get("blocked_everywhere", {}).values(), default=0)
+    out.append(f"longest block of a station on every BSS of its ESS: {longest:g} s")
     out.append("daemons: " + ", ".join(f"{k} {v}" for k, v in s["daemons"].items()))
     return out
