@@ -27,7 +27,8 @@ import sys
 import time
 from pathlib import Path
 
-from lab import daemonlog, netns, scenario as scenario_mod, topology as topo_mod
+from lab import daemonlog, netns, render, scenario_check, topology as topo_mod
+from lab.scenario_run import MeshView
 from lab.controller import (EXPECTED_ERRORS, Lab, LabError, check_dir, control_request, controller_pid,
                             default_dir, error_text, teardown)
 from lab.driver import command_code, event_code
@@ -456,8 +457,8 @@ def read_scenario(args, path):
         except topo_mod.TopologyError:
             topo = None
     try:
-        sc = scenario_mod.parse(raw, str(path), topo, base=path.parent)
-    except scenario_mod.ScenarioError as e:
+        sc = scenario_check.parse(raw, str(path), topo, base=path.parent)
+    except scenario_check.ScenarioError as e:
         fail(str(e))
     return raw, sc
 
@@ -466,7 +467,7 @@ def play(args, path, raw, sc, on_batch):
     """Has the running lab's controller play a scenario and hands its timeline records to
     `on_batch` (a list at a time) as they come; returns the summary. Ctrl-C ends it early."""
     if controller_pid(args.dir) is None:
-        hint = f" {scenario_mod.topology_path(sc.topology, Path(path).parent) or sc.topology}" if sc.topology else ""
+        hint = f" {scenario_check.topology_path(sc.topology, Path(path).parent) or sc.topology}" if sc.topology else ""
         fail(f"no lab runs in {args.dir}; start one first: python3 -m lab up{hint}")
     started = request(args, {"cmd": "scenario", "scenario": raw, "source": str(path),
                              "base": str(Path(path).resolve().parent)})
@@ -497,15 +498,15 @@ def cmd_scenario(args):
 
     def show(recs):
         for r in recs:
-            line = scenario_mod.describe(r, args.verbose)
+            line = render.describe(r, args.verbose)
             if line is not None and not args.quiet:
                 print(line, flush=True)
 
     summary = play(args, args.file, raw, sc, show)
     print()
-    for line in scenario_mod.summary_lines(summary):
+    for line in render.summary_lines(summary):
         print(line)
-    print(f"timeline: {Path(args.dir) / scenario_mod.TIMELINE}")
+    print(f"timeline: {Path(args.dir) / scenario_check.TIMELINE}")
     return 1 if summary["failed"] else 0
 
 
@@ -516,7 +517,7 @@ class ConvergenceTable:
     counts its heartbeat carries change."""
 
     def __init__(self, topology):
-        self.view = scenario_mod.MeshView(topology)
+        self.view = MeshView(topology)
         self.nodes = topology.names()
 
     def header(self):
@@ -536,7 +537,7 @@ class ConvergenceTable:
             if r["kind"] == "start":
                 out.append(self.row(r["at"], "start"))
             elif r["kind"] == "step":
-                out.append(f"{r['at']:8.2f}  | {scenario_mod.step_words(r)}")
+                out.append(f"{r['at']:8.2f}  | {render.step_words(r)}")
             elif r["kind"] == "event" and r.get("why") != "status":
                 if r.get("why") != "step":
                     out.append(f"{r['at']:8.2f}  | {r['node']}'s driver: {r['event']} {r['station']} ({r['why']})")
@@ -602,7 +603,7 @@ def cmd_demo(args):
             print("\n== NOT converged: the scenario left "
                   + ", ".join(f"{n} {'/'.join(str(v) for v in final.get(n, {}).values())}" for n in names)
                   + "; the table shows what the nodes report")
-        for line in scenario_mod.summary_lines(summary)[:1] + scenario_mod.summary_lines(summary)[-3:-1]:
+        for line in render.summary_lines(summary)[:1] + render.summary_lines(summary)[-3:-1]:
             print("   " + line)
 
         d = "" if args.dir == default_dir() else f" --dir {args.dir}"

@@ -26,13 +26,14 @@ import threading
 import time
 from pathlib import Path
 
-from lab import netns, topology as topo_mod
+from lab import netns, scenario_check, topology as topo_mod
 from lab.world import World, blocked_everywhere
 from lab.driver import DAEMON_PORT, SUN_PATH_MAX, DriverDouble, check_call, command_code, event_code
 from lab.journal import Journal
 from lab.loop import Loop
 from lab.relay import Relay
-from lab.sandbox import daemon_binary, wait_until
+from lab.sandbox import daemon_binary, exit_text, parse_signal, wait_until
+from lab.scenario_run import Runner
 
 log = logging.getLogger("lab")
 
@@ -83,32 +84,6 @@ def default_dir():
     if "BANDHERD_LAB" in os.environ:
         return Path(os.environ["BANDHERD_LAB"])
     return Path("/tmp/bandherd-lab" if os.geteuid() == 0 else f"/tmp/bandherd-lab-{os.geteuid()}")
-
-
-def exit_text(code):
-    """How a daemon ended, for people: "exited 0", "killed by SIGKILL"."""
-    if code is None:
-        return "running"
-    if code < 0:
-        try:
-            return f"killed by {signal.Signals(-code).name}"
-        except ValueError:
-            return f"killed by signal {-code}"
-    return f"exited {code}"
-
-
-def parse_signal(text):
-    """A signal from "15", "TERM", "SIGTERM" or "RTMIN+1"."""
-    text = str(text).upper().removeprefix("SIG")
-    if text.isdigit():
-        return int(text)
-    m = re.fullmatch(r"RTMIN\+(\d+)", text)
-    if m:
-        return signal.SIGRTMIN + int(m.group(1))
-    try:
-        return signal.Signals["SIG" + text]
-    except KeyError:
-        raise ValueError(f"unknown signal {text!r}") from None
 
 
 class Daemon:
@@ -576,12 +551,11 @@ class Lab:
     def start_scenario(self, raw, source=None, base=None):
         """Starts a scenario (a decoded scenario file) on a thread; its timeline grows in
         <lab>/timeline.jsonl and ends with the summary. One runs at a time."""
-        from lab import scenario as scenario_mod      # it builds on this module
         with self._lock:
             if self.scenario is not None and self.scenario.running():
                 raise LabError(f"the scenario {self.scenario.sc.name} is still running")
-            sc = scenario_mod.parse(raw, source, self.topology, base)
-            self.scenario = scenario_mod.Runner(self, sc).start()
+            sc = scenario_check.parse(raw, source, self.topology, base)
+            self.scenario = Runner(self, sc).start()
         return {"timeline": str(self.scenario.path), "name": sc.name, "duration": sc.duration}
 
     def _relay_control(self, req):

@@ -8,6 +8,7 @@ namespace maps us to root inside it.
 
 import os
 import re
+import signal
 import subprocess
 import threading
 import time
@@ -139,3 +140,29 @@ class Daemon:
 
     def err(self):
         return "".join(self.stderr)
+
+
+def exit_text(code):
+    """How a daemon ended, for people: "exited 0", "killed by SIGKILL"."""
+    if code is None:
+        return "running"
+    if code < 0:
+        try:
+            return f"killed by {signal.Signals(-code).name}"
+        except ValueError:
+            return f"killed by signal {-code}"
+    return f"exited {code}"
+
+
+def parse_signal(text):
+    """A signal from "15", "TERM", "SIGTERM" or "RTMIN+1"."""
+    text = str(text).upper().removeprefix("SIG")
+    if text.isdigit():
+        return int(text)
+    m = re.fullmatch(r"RTMIN\+(\d+)", text)
+    if m:
+        return signal.SIGRTMIN + int(m.group(1))
+    try:
+        return signal.Signals["SIG" + text]
+    except KeyError:
+        raise ValueError(f"unknown signal {text!r}") from None

@@ -23,7 +23,8 @@ from fractions import Fraction
 
 import pytest
 
-from lab import daemonlog, scenario
+from lab import daemonlog, scenario_check
+from lab.scenario_run import Runner
 from lab.controller import Lab
 from lab.driver import BANDS
 from lab.sandbox import REPO
@@ -256,14 +257,14 @@ def test_a_station_that_joins_B_before_leaving_A_is_kicked_on_A(mesh):
 
 def test_a_scenario_replays_and_its_timeline_shows_its_steps_and_the_daemons_answers(mesh):
     lab = mesh.lab
-    runner = scenario.Runner(lab, scenario.load(ROAM, lab.topology))
+    runner = Runner(lab, scenario_check.load(ROAM, lab.topology))
     summary = runner.run()
     recs = runner.records
     assert [json.loads(line) for line in (lab.dir / "timeline.jsonl").read_text().splitlines()] == recs
     assert summary["failed"] == [] and not summary["stopped"]
     assert [(r["do"], r.get("node")) for r in recs if r["kind"] == "step"] == [
         ("join", "A"), ("rssi", None), ("rssi", None), ("roam", "B"), ("leave", None)]
-    phone = scenario.load(ROAM).stations["phone"].mac
+    phone = scenario_check.load(ROAM).stations["phone"].mac
 
     def find(what, pred, after=0):
         found = [i for i in range(after, len(recs)) if pred(recs[i])]

@@ -10,7 +10,8 @@ import tempfile
 
 import pytest
 
-from lab import daemonlog, scenario, topology
+from lab import daemonlog, scenario_check, topology
+from lab.scenario_run import Runner
 from lab.controller import Lab
 from lab.sandbox import REPO
 from standins import NetlinkEnd, uwb
@@ -41,8 +42,8 @@ def test_every_mistake_in_a_scenario_is_reported_at_once():
             {"at": 9, "do": "leave", "station": "phone", "bss": "wlan0"},
         ],
     }
-    with pytest.raises(scenario.ScenarioError) as e:
-        scenario.parse(raw, "bad.json", topology.load(THREE))
+    with pytest.raises(scenario_check.ScenarioError) as e:
+        scenario_check.parse(raw, "bad.json", topology.load(THREE))
     text = str(e.value)
     for expected in ["bad scenario bad.json",
                      "station 'phone': unknown bands ['7G']",
@@ -71,7 +72,7 @@ def test_the_shipped_scenarios_fit_the_topology_they_name():
     assert [f.name for f in files] == ["arrivals.json", "crash.json", "roam.json"]
     macs = {}
     for f in files:
-        sc = scenario.load(f)
+        sc = scenario_check.load(f)
         assert sc.topology == "three-node.json" and sc.steps and sc.description
         for st in sc.stations.values():
             assert macs.setdefault(st.mac, f.name) == f.name, f"{st.mac} is in two scenarios"
@@ -149,14 +150,14 @@ def test_stations_report_as_a_driver_does_and_a_kicked_station_leaves(stand_in_l
     # Reports every 0.5 s: the phone's on A at 0.6, the laptop's at 0.7, 1.2 and 1.7, the phone's on B
     # at 1.5 and 2.0, each at least 0.4 s before the step that ends them. (A stand-in's socket holds
     # about ten events until the test reads them.)
-    sc = scenario.parse({
+    sc = scenario_check.parse({
         "status_interval": 0.5, "duration": 2.4,
         "stations": {"phone": {"mac": PHONE, "rssi": -50, "rate": 700}, "laptop": {"mac": LAPTOP}},
         "steps": [{"at": 0.1, "do": "join", "station": "phone", "node": "A", "bss": "wlan1"},
                   {"at": 0.2, "do": "join", "station": "laptop", "node": "A", "bss": 2, "rssi": -66},
                   {"at": 1.0, "do": "roam", "station": "phone", "node": "B", "bss": "wlan1", "rssi": -58},
                   {"at": 2.1, "do": "leave", "station": "laptop"}]}, "inline", lab.topology)
-    runner = scenario.Runner(lab, sc)
+    runner = Runner(lab, sc)
     kicked = False
 
     def kick_when_roamed(rec):
@@ -195,14 +196,14 @@ def test_stations_report_as_a_driver_does_and_a_kicked_station_leaves(stand_in_l
 
 def test_a_step_that_cannot_be_carried_out_is_recorded_and_the_rest_goes_on(stand_in_lab):
     lab, nl = stand_in_lab
-    sc = scenario.parse({
+    sc = scenario_check.parse({
         "duration": 0.5,
         "stations": {"phone": {"mac": "02:aa:00:00:09:03"}, "tv": {"mac": "02:aa:00:00:09:04"}},
         "steps": [{"at": 0, "do": "join", "station": "phone", "node": "A", "bss": "wlan0"},
                   {"at": 0, "do": "join", "station": "tv", "node": "B", "bss": "wlan1"},
                   {"at": 0.1, "do": "kill", "node": "C"},
                   {"at": 0.2, "do": "leave", "station": "tv"}]}, "inline", lab.topology)
-    summary = scenario.Runner(lab, sc).run()
+    summary = Runner(lab, sc).run()
     assert [(f["n"], f["do"]) for f in summary["failed"]] == [(1, "join"), (3, "kill")]
     assert "has not set up wlan0 with its driver" in summary["failed"][0]["error"]
     assert summary["failed"][1]["error"] == "no daemon runs in C"

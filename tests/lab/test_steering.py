@@ -18,7 +18,6 @@ from pathlib import Path
 import pytest
 
 from lab.controller import Lab
-from lab.driver import EV
 
 REPO = Path(__file__).resolve().parents[2]
 TOPOLOGY = REPO / "lab" / "topologies" / "three-node.json"

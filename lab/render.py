@@ -1,0 +1,138 @@
+"""Scenario timelines and summaries in words, for people."""
+
+import json
+
+def _body_words(rec):
+    body = rec.get("body") or {}
+    t = rec.get("type")
+    if t == "SNEI_HEARTBEAT":
+        counts = " ".join(f"{b.get('ifname')}:{b.get('sta_num')}" for b in body.get("bss", []) if isinstance(b, dict))
+        return f"mpp {body.get('is_mpp')} hop {body.get('hop')} rate {body.get('link_rate2mpp')} sta {counts}"
+    if t == "SSTA_ASSOCIATE":
+        return f"{body.get('sta')} associated {body.get('associated')} bss {body.get('bss')}"
+    return json.dumps(body, separators=(",", ":"))[:80] if body else ""
+
+
+def step_words(rec):
+    """A step record in words: "phone joins A wlan1 (bss 2), rssi -52"."""
+    do, st, node = rec.get("do"), rec.get("station"), rec.get("node")
+    where = f"{node} {rec.get('bss')}" + (f" (bss {rec['bss_index']})" if "bss_index" in rec else "")
+    link = "".join(f", {k} {rec[k]}" for k in ("rssi", "rate") if k in rec)
+    if do == "join":
+        text = f"{st} joins {where}{link}"
+    elif do == "roam":
+        how = "after leaving" if rec.get("leave_first") else "still associated on"
+        text = f"{st} roams to {where} {how} {rec.get('from', 'its node')}{link}"
+    elif do == "leave":
+        text = f"{st} leaves"
+    elif do == "rssi":
+        text = f"{st}'s signal changes{link}"
+    elif do == "status":
+        text = f"{st} reports its status" + "".join(f", {k} {rec[k]}" for k in ("active", "load") if k in rec)
+    elif do == "band":
+        text = f"{st} reports bands 0x{rec.get('bands', 0):x}"
+    elif do == "radio":
+        text = f"{node}'s radio {rec.get('radio')}" + (f" (radio {rec['radio_index']})" if "radio_index" in rec else "") \
+            + "".join(f", {k} {rec[k]}" for k in ("channel", "load", "sta_num") if k in rec)
+    elif do == "kill":
+        text = f"{node}'s daemon gets signal {rec.get('signal')}"
+    elif do == "start":
+        text = f"{node}'s daemon starts"
+    elif do == "relay":
+        extra = "".join(f" {rec[k]}" for k in ("seconds", "groups", "types") if k in rec)
+        text = f"the relay: {rec.get('action')}{extra}"
+    elif do == "send":
+        text = f"the lab's mesh daemon sends {rec.get('type')} to {rec.get('to')}" \
+            + (f" as {rec['from']}" if rec.get("from") else "")
+    else:
+        text = json.dumps(rec)
+    note = f"  ({rec['note']})" if rec.get("note") else ""
+    err = f"  FAILED: {rec['error']}" if rec.get("error") else ""
+    return text + note + err
+
+
+def describe(rec, verbose=False):
+    """One line for a timeline record, or None for what is shown only when `verbose`
+    (periodic status events, Wi-Fi queries, driver commands of a daemon starting, debug lines)."""
+    at = rec.get("at", 0.0)
+    kind = rec.get("kind")
+    head = f"{at:7.2f}  "
+    if kind == "start":
+        wait = "; waiting until every node knows the others" if rec.get("wait_for_mesh") else ""
+        return f"{head}scenario {rec['scenario']} ({rec.get('source')}), {rec.get('duration'):g} s{wait}"
+    if kind == "step":
+        return f"{head}step   {step_words(rec)}"
+    if kind == "event":
+        if rec.get("why") == "status" and not verbose and not rec.get("error"):
+            return None
+        err = f"  ({rec['error']})" if rec.get("error") else ""
+        why = "" if rec.get("why") == "step" else f"  [{rec.get('why')}]"
+        return (f"{head}event  {rec['node']} {rec['event']} {rec['station']} bss {rec['bss']} ({rec.get('vap')}) "
+                f"rssi {rec['rssi']} sta_num {rec['sta_num']}{why}{err}")
+    if kind == "mesh":
+        where = f" -> {rec.get('to')}" if rec.get("to") else ""
+        fate = ""
+        if rec.get("dropped"):
+            fate = f"  DROPPED ({rec['dropped']})"
+        elif rec.get("undelivered"):
+            fate = f"  not to {rec['undelivered']}"
+        if rec.get("delayed"):
+            fate += f"  delayed {rec['delayed']} s"
+        return f"{head}mesh   {rec.get('from')}{where} {rec.get('type')} {_body_words(rec)}{fate}"
+    if kind == "driver":
+        if rec.get("query") and not verbose:
+            return None
+        if rec.get("cmd"):
+            if rec["cmd"] in ("PING", "CLEAN", "ADD_RADIO", "SET_BSS") and not verbose:
+                return None
+            return f"{head}driver {rec['node']} {rec['cmd']} {rec.get('if', '')} {rec.get('fields', '')}"
+        if rec.get("netlink"):
+            return f"{head}driver {rec['node']} {rec['netlink']}" if verbose else None
+        if rec.get("call") in ("add_rrm_neighbor", "del_rrm_neighbor") and not verbose:
+            return None
+        args = " ".join(str(v) for v in (rec.get("args") or {}).values())
+        return f"{head}driver {rec['node']} {rec['call']} {rec.get('if', '')} {args} -> {rec.get('result')}"
+    if kind == "log":
+        if rec["level"] == "info" and not rec.get("change") and not verbose and \
+                rec["func"] not in ("ssta_join_handler", "ssta_leave_handler", "ssta_msg_handler"):
+            return None
+        return f"{head}log    {rec['node']} {rec['level']} {rec['func']}: {rec['text']}"
+    if kind == "daemon":
+        return f"{head}daemon {rec['node']} {rec['state']}" + (f" (pid {rec['pid']})" if rec.get("pid") else "")
+    if kind in ("note", "error"):
+        return f"{head}{kind:<6} {rec['text']}"
+    if kind == "summary":
+        return None
+    return f"{head}{kind} {json.dumps(rec)}"
+
+
+def _series(history, fmt):
+    return ", ".join(f"{at:g} s {fmt(v)}" for at, v in history) or "nothing seen"
+
+
+def summary_lines(s):
+    """The summary in a few lines."""
+    out = [f"scenario {s['scenario']}: {s['at']:.1f} s, {s['steps']} steps"
+           + (f", {len(s['failed'])} failed" if s["failed"] else "") + (" (stopped early)" if s["stopped"] else "")]
+    for f in s["failed"]:
+        out.append(f"  step {f['n']} ({f['do']} at {f['at']:g} s) failed: {f['error']}")
+    out.append("stations at the end: " + "; ".join(
+        f"{node} " + " ".join(f"{vap} [{', '.join(names) or '-'}]" for vap, names in vaps.items())
+        for node, vaps in s["stations"].items()))
+    counts = lambda c: "/".join(str(v) for v in c.values())   # noqa: E731
+    out.append("stations per BSS over time (the scenario's stations):")
+    for node, h in s["world_counts"].items():
+        out.append(f"  {node}: {_series(h, counts)}")
+    out.append("stations per BSS as the heartbeats carried them:")
+    for node, h in s["heartbeat_counts"].items():
+        out.append(f"  {node}: {_series(h, counts)}")
+    out.append("neighbour tables (from the daemons' logs):")
+    for node, h in s["neighbours"].items():
+        out.append(f"  {node}: {_series(h, lambda t: 'down' if t is None else (' '.join(t) or '-'))}")
+    out.append("mesh messages: " + (", ".join(f"{k} {v}" for k, v in sorted(s["messages"].items())) or "none"))
+    out.append("driver commands and calls: "
+               + (", ".join(f"{k} {v}" for k, v in sorted(s["driver_actions"].items())) or "none"))
+    longest = max(s.get("blocked_everywhere", {}).values(), default=0)
+    out.append(f"longest block of a station on every BSS of its ESS: {longest:g} s")
+    out.append("daemons: " + ", ".join(f"{k} {v}" for k, v in s["daemons"].items()))
+    return out

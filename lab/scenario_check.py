@@ -1,0 +1,380 @@
+"""Scenario files: stations, radios and faults scripted over time, read and checked.
+
+A scenario file is JSON:
+
+    {"name": "roam", "topology": "three-node.json", "wait_for_mesh": true,
+     "status_interval": 2, "duration": 10,
+     "stations": {"phone": {"mac": "02:aa:00:00:01:01", "rssi": -50, "rate": 400}},
+     "steps": [
+       {"at": 1, "do": "join", "station": "phone", "node": "A", "bss": "wlan1"},
+       {"at": 5, "do": "roam", "station": "phone", "node": "B", "bss": "wlan1"},
+       {"at": 8, "do": "leave", "station": "phone"}]}
+
+`load` reads and checks a file (`parse` a decoded object); every mistake is
+reported at once in a `ScenarioError`. lab/scenario_run.py plays a scenario,
+lab/render.py puts what happened into words.
+"""
+
+import json
+from dataclasses import dataclass, field
+from pathlib import Path
+
+from lab import topology as topo_mod
+from lab.driver import BANDS, CAPS, mac_bytes, mac_text
+from lab.relay import check_seconds, check_types
+from lab.sandbox import parse_signal
+
+TIMELINE = "timeline.jsonl"
+TOPOLOGIES = Path(__file__).resolve().parent / "topologies"
+MESH_WAIT = 30.0        # how long `wait_for_mesh` waits for every node to know the others
+POLL = 0.05
+# Wi-Fi calls that only ask: recorded as queries, shown by `describe` only when verbose.
+QUERIES = {"os_ifname", "mib_ifname", "bssmode", "ap_cap", "chan_info", "channel_list", "ssid",
+           "sta_maxnum", "sta_info", "bssid"}
+RELAY_ACTIONS = ("drop", "delay", "partition", "heal", "clear")
+
+# Per step kind: required keys and optional keys (besides "at", "do" and "note").
+STEPS = {
+    "join": (["station", "node", "bss"], ["rssi", "rate"]),
+    "roam": (["station", "node", "bss"], ["rssi", "rate", "leave_first", "old_leaves_after"]),
+    "leave": (["station"], []),
+    "rssi": (["station", "rssi"], ["rate"]),
+    "status": (["station"], ["active", "load"]),
+    "band": (["station", "bands"], []),
+    "radio": (["node", "radio"], ["channel", "load", "sta_num"]),
+    "kill": (["node"], ["signal"]),
+    "start": (["node"], []),
+    "relay": (["action"], ["types", "seconds", "groups"]),
+    "send": (["to", "type"], ["from", "body"]),
+}
+STATION_KEYS = (["mac"], ["bands", "caps", "nss", "rssi", "rate", "load", "active"])
+TOP_KEYS = (["steps"], ["name", "description", "topology", "stations", "status_interval", "duration",
+                        "wait_for_mesh"])
+
+
+class ScenarioError(topo_mod.ProblemsError):
+    """A scenario that cannot run."""
+
+    what = "scenario"
+
+
+@dataclass
+class StationPlan:
+    name: str
+    mac: str
+    bands: int = BANDS["2G"] | BANDS["5L"] | BANDS["5H"]
+    caps: int = CAPS["HT"] | CAPS["VHT"] | CAPS["RRM"] | CAPS["BTM"]
+    nss: int = 2
+    rssi: int = -60
+    rate: int = 300         # the link rate sta_info answers, Mbit/s
+    load: int = 0
+    active: bool = True
+
+
+@dataclass
+class Scenario:
+    steps: list                         # step dicts in the order they run (by "at", then file order)
+    stations: dict = field(default_factory=dict)     # name -> StationPlan
+    name: str = "scenario"
+    description: str = ""
+    status_interval: float = 5.0
+    duration: float = 0.0
+    wait_for_mesh: bool = False
+    topology: str = None                # the topology file it was written for
+    source: str = None
+
+
+def load(path, topology=None):
+    """Reads and checks a scenario file; checks it against `topology` (a `Topology`), or
+    else against the topology file it names."""
+    path = Path(path)
+    try:
+        raw = json.loads(path.read_text())
+    except OSError as e:
+        raise ScenarioError([f"cannot read it: {e.strerror}"], path) from None
+    except json.JSONDecodeError as e:
+        raise ScenarioError([f"not JSON: {e}"], path) from None
+    return parse(raw, str(path), topology, base=path.parent)
+
+
+def parse(raw, source=None, topology=None, base=None):
+    """Checks a decoded scenario and builds the `Scenario`. Without `topology`, the topology
+    file named by "topology" (relative to `base`, or one of lab/topologies/) is read."""
+    c = _Checker()
+    if topology is None and isinstance(raw, dict) and isinstance(raw.get("topology"), str):
+        topology = c.topology_file(raw["topology"], base)
+    sc = c.scenario(raw, topology)
+    if c.problems:
+        raise ScenarioError(c.problems, source)
+    sc.source = source
+    return sc
+
+
+def topology_path(name, base=None):
+    """Where the topology a scenario names is: relative to the scenario, else in lab/topologies/."""
+    for d in ([Path(base)] if base else []) + [TOPOLOGIES]:
+        p = d / name
+        if p.exists():
+            return p
+    return None
+
+
+def _number(v):
+    return isinstance(v, (int, float)) and not isinstance(v, bool)
+
+
+def _bits(value, names, what):
+    """A bit set from a list of names or a number; raises ValueError."""
+    if isinstance(value, int) and not isinstance(value, bool) and 0 <= value < 256:
+        return value
+    if isinstance(value, list) and all(isinstance(x, str) for x in value):
+        unknown = [x for x in value if x.upper() not in names]
+        if unknown:
+            raise ValueError(f"unknown {what} {unknown} (known: {', '.join(names)})")
+        out = 0
+        for x in value:
+            out |= names[x.upper()]
+        return out
+    raise ValueError(f"{what} must be a list of names ({', '.join(names)}) or a number")
+
+
+class _Checker(topo_mod.Checker):
+    def topology_file(self, name, base):
+        p = topology_path(name, base)
+        if p is None:
+            self.err("", f"topology {name!r} not found (next to the scenario or in {TOPOLOGIES})")
+            return None
+        try:
+            return topo_mod.load(p)
+        except topo_mod.TopologyError as e:
+            self.err("", str(e))
+            return None
+
+    def scenario(self, raw, topo):
+        if not self.fields(raw, "", *TOP_KEYS):
+            return Scenario(steps=[])
+        sc = Scenario(steps=[], name=str(raw.get("name", "scenario")),
+                      description=str(raw.get("description", "")), topology=raw.get("topology"))
+        for key in ("status_interval", "duration"):
+            if key in raw and (not _number(raw[key]) or raw[key] < (0.1 if key == "status_interval" else 0)):
+                self.err("", f"'{key}' must be a number of seconds" + (" from 0.1" if key == "status_interval" else ""))
+        sc.status_interval = float(raw.get("status_interval", 5.0)) if _number(raw.get("status_interval", 5.0)) else 5.0
+        if not isinstance(raw.get("wait_for_mesh", False), bool):
+            self.err("", "'wait_for_mesh' must be true or false")
+        sc.wait_for_mesh = raw.get("wait_for_mesh") is True
+        stations = raw.get("stations", {})
+        if not isinstance(stations, dict):
+            self.err("", "'stations' must be an object of named stations")
+            stations = {}
+        macs = {}
+        for name, s in stations.items():
+            plan = self.station(name, s)
+            if plan is None:
+                continue
+            if plan.mac in macs:
+                self.err(f"station '{name}'", f"has the MAC {plan.mac} of station '{macs[plan.mac]}'")
+            macs.setdefault(plan.mac, name)
+            sc.stations[name] = plan
+        steps = raw["steps"]
+        if not isinstance(steps, list):
+            self.err("", "'steps' must be a list")
+            steps = []
+        checked = []
+        for i, st in enumerate(steps):
+            step = self.step(i, st, sc, topo, stations)
+            if step is not None:
+                checked.append(step)
+        sc.steps = sorted(checked, key=lambda s: s["at"])       # stable: file order at equal times
+        self.station_states(sc)
+        last = sc.steps[-1]["at"] if sc.steps else 0.0
+        sc.duration = float(raw["duration"]) if _number(raw.get("duration")) else last + 2.0
+        if sc.duration < last:
+            self.err("", f"'duration' {sc.duration:g} ends before the last step at {last:g}")
+        return sc
+
+    def station(self, name, raw):
+        where = f"station '{name}'"
+        if not name or any(ch.isspace() for ch in name):
+            self.err(where, "a station's name is one word")
+        if not self.fields(raw, where, *STATION_KEYS):
+            return None
+        try:
+            mac = mac_text(mac_bytes(str(raw["mac"]).lower()))
+        except ValueError:
+            self.err(where, f"'mac' must be a MAC address xx:xx:xx:xx:xx:xx, not {raw['mac']!r}")
+            return None
+        if int(mac[:2], 16) & 1:
+            self.err(where, f"'mac' {mac} is not a unicast address")
+        plan = StationPlan(name=name, mac=mac)
+        for key, names in (("bands", BANDS), ("caps", CAPS)):
+            if key in raw:
+                try:
+                    setattr(plan, key, _bits(raw[key], names, key))
+                except ValueError as e:
+                    self.err(where, str(e))
+        for key, lo, hi in (("nss", 1, 8), ("rssi", -127, 0), ("rate", 1, 100000), ("load", 0, 100)):
+            if key in raw and self.is_integer(raw, key, where, lo, hi):
+                setattr(plan, key, raw[key])
+        if "active" in raw:
+            if isinstance(raw["active"], bool):
+                plan.active = raw["active"]
+            else:
+                self.err(where, "'active' must be true or false")
+        return plan
+
+    def step(self, i, raw, sc, topo, stations):
+        where = f"step #{i + 1}"
+        if not isinstance(raw, dict):
+            self.err(where, "must be an object")
+            return None
+        kind = raw.get("do")
+        if kind not in STEPS:
+            self.err(where, f"'do' must be one of {', '.join(STEPS)}, not {kind!r}")
+            return None
+        where = f"step #{i + 1} ({kind} at {raw.get('at')})"
+        required, optional = STEPS[kind]
+        if not self.fields(raw, where, ["at", "do"] + required, optional + ["note"]):
+            return None
+        if not _number(raw["at"]) or raw["at"] < 0:
+            self.err(where, "'at' must be a number of seconds from 0")
+            return None
+        step = dict(raw)
+        step["at"] = float(raw["at"])
+        if "station" in raw and raw["station"] not in stations:
+            self.err(where, f"no station {raw['station']!r} (stations: {', '.join(stations) or 'none'})")
+        node = self.node(raw["node"], topo, where, "node") if "node" in raw else None
+        if "from" in raw:
+            self.node(raw["from"], topo, where, "from")
+        if "to" in raw and raw["to"] != "broadcast":
+            self.node(raw["to"], topo, where, "to")
+        if "bss" in raw:
+            b = raw["bss"]
+            if isinstance(b, int) and not isinstance(b, bool):
+                if node is not None and node.bss_problem(b):
+                    self.err(where, node.bss_problem(b))
+                elif not 1 <= b <= 31:
+                    self.err(where, f"'bss' as a number is a driver BSS index from 1 to 31, not {b}")
+            elif not isinstance(b, str):
+                self.err(where, "'bss' must be a VAP's name or a driver BSS index")
+            elif node is not None and node.vap(b) is None:
+                have = ", ".join(v.mib for v in node.vaps)
+                self.err(where, f"node {node.name} has no VAP {b!r} (VAPs: {have})")
+        for key, lo, hi in (("rssi", -127, 0), ("rate", 1, 100000), ("load", 0, 100), ("sta_num", 0, 255),
+                            ("channel", 1, 233)):
+            if key in raw:
+                self.is_integer(raw, key, where, lo, hi)
+        for key in ("leave_first", "active"):
+            if key in raw and not isinstance(raw[key], bool):
+                self.err(where, f"'{key}' must be true or false")
+        if "old_leaves_after" in raw:
+            if not _number(raw["old_leaves_after"]) or raw["old_leaves_after"] < 0:
+                self.err(where, "'old_leaves_after' must be a number of seconds")
+            if raw.get("leave_first") is True:
+                self.err(where, "'old_leaves_after' is for a station that does not leave first")
+        if "bands" in raw:
+            try:
+                step["bands"] = _bits(raw["bands"], BANDS, "bands")
+            except ValueError as e:
+                self.err(where, str(e))
+        if kind == "radio" and node is not None and isinstance(raw["radio"], str):
+            radio = node.radio(raw["radio"])
+            if radio is None:
+                self.err(where, f"node {node.name} has no radio {raw['radio']!r} "
+                                f"(radios: {', '.join(r.name for r in node.radios)})")
+            elif isinstance(raw.get("channel"), int) and raw["channel"] not in radio.channels:
+                self.err(where, f"channel {raw['channel']} is not one of radio {radio.name}'s {radio.channels}")
+        elif kind == "radio" and not isinstance(raw["radio"], str):
+            self.err(where, "'radio' must be the name of one of the node's radios")
+        if kind == "kill":
+            try:
+                step["signal"] = int(parse_signal(raw.get("signal", "KILL")))
+            except ValueError as e:
+                self.err(where, str(e))
+        if kind == "relay":
+            self.relay(raw, topo, where)
+        if kind == "send":
+            if not isinstance(raw["type"], str) or not 0 < len(raw["type"].encode()) < 32:
+                self.err(where, "'type' must be a message type of 1 to 31 characters")
+            if not isinstance(raw.get("body", {}), dict):
+                self.err(where, "'body' must be a JSON object")
+        return step
+
+    def node(self, name, topo, where, key):
+        if not isinstance(name, str):
+            self.err(where, f"'{key}' must be a node's name")
+            return None
+        if topo is None:
+            return None
+        try:
+            return topo.node(name)
+        except KeyError:
+            self.err(where, f"no node {name!r} in the topology (nodes: {', '.join(topo.names())})")
+            return None
+
+    def relay(self, raw, topo, where):
+        action = raw["action"]
+        if action not in RELAY_ACTIONS:
+            self.err(where, f"'action' must be one of {', '.join(RELAY_ACTIONS)}, not {action!r}")
+            return
+        if "types" in raw:
+            if not (isinstance(raw["types"], list) and all(isinstance(t, str) for t in raw["types"])):
+                self.err(where, "'types' must be a list of message types")
+            else:
+                try:
+                    check_types(raw["types"])
+                except ValueError as e:
+                    self.err(where, str(e))
+        if action == "delay":
+            try:
+                check_seconds(raw.get("seconds"))
+            except ValueError:
+                self.err(where, "a delay needs 'seconds', a number from 0")
+        if action == "partition":
+            groups = raw.get("groups")
+            if not (isinstance(groups, list) and groups and all(isinstance(g, list) for g in groups)):
+                self.err(where, "a partition needs 'groups', a list of lists of node names")
+                return
+            for g in groups:
+                for name in g:
+                    self.node(name, topo, where, "groups")
+
+    def station_states(self, sc):
+        """Walks the steps in time order: a station joins when it is not associated, and
+        roams, leaves or reports only while it is."""
+        on = {}
+        for i, s in enumerate(sc.steps):
+            name = s.get("station")
+            if name not in sc.stations:
+                continue
+            where = f"step {s['do']} of '{name}' at {s['at']:g}"
+            kind = s["do"]
+            if kind == "join":
+                if name in on:
+                    self.err(where, f"it is associated on {on[name]} then; use roam")
+                on[name] = s["node"]
+            elif kind in ("roam", "leave", "rssi", "status"):
+                if name not in on:
+                    self.err(where, "it is not associated then")
+                elif kind == "roam":
+                    on[name] = s["node"]
+                elif kind == "leave":
+                    del on[name]
+
+
+def check_against(scenario, topology):
+    """What keeps a parsed scenario from running in a lab of `topology` (a list of problems)."""
+    try:
+        parse(_raw_of(scenario), scenario.source, topology)
+    except ScenarioError as e:
+        return e.problems
+    return []
+
+
+def _raw_of(sc):
+    """A checked scenario written back as the object it came from (for a second check)."""
+    stations = {}
+    for name, s in sc.stations.items():
+        stations[name] = {"mac": s.mac, "bands": s.bands, "caps": s.caps, "nss": s.nss, "rssi": s.rssi,
+                          "rate": s.rate, "load": s.load, "active": s.active}
+    return {"name": sc.name, "description": sc.description, "stations": stations, "steps": sc.steps,
+            "status_interval": sc.status_interval, "duration": sc.duration, "wait_for_mesh": sc.wait_for_mesh}
