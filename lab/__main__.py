@@ -366,10 +366,10 @@ def cmd_world(args):
     if args.action == "add":
         req.update(ssid=args.ssid, btm=args.btm, caps=args.caps, bands=args.bands, rssi=args.rssi)
         req["at"] = []
-        for spec in args.at or []:
-            m = re.fullmatch(r"([^:=]+):([^=]+)=(-?\d+)", spec)
+        for item in args.at or []:
+            m = re.fullmatch(r"([^:=]+):([^=]+)=(-?\d+)", item)
             if not m:
-                fail(f"world add: --at NODE:VAP=RSSI, not {spec!r}")
+                fail(f"world add: --at NODE:VAP=RSSI, not {item!r}")
             req["at"].append([m.group(1), m.group(2), int(m.group(3))])
     elif args.action == "join" and len(a) == 3:
         req.update(node=a[1], vap=a[2])

@@ -247,6 +247,14 @@ def test_every_command_error_is_one_line_and_a_failure(lab):
     assert "ready to block" not in lab.log("B")  # nothing was started by them
 
 
+def test_beacon_and_transition_requests_by_hand(lab):
+    sta = mac(1)  # on A's 5 GHz BSS since the first test
+    assert cli(lab, "A", "br", sta, "herd", "6") == (0, "")
+    assert [c["args"] for c in lab.driver("A").calls("beacon_req")][-1]["sta"] == sta
+    assert cli(lab, "A", "bt", sta, A_24, "6") == (0, "")
+    lab.wait_for(lambda: lab.world.where(sta) == ("A", "wlan0"), 20.0)
+
+
 def test_command_channel_edges(lab):
     rc, out = cli(lab, "A", "help")
     assert rc == 0 and out.startswith("Avaliable commands:\n\nddbg <0  ..  3>") and out.endswith(
