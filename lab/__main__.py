@@ -27,7 +27,7 @@ import sys
 import time
 from pathlib import Path
 
-from lab import daemonlog, netns, render, scenario_check, topology as topo_mod
+from lab import commands, daemonlog, netns, render, scenario_check, topology as topo_mod
 from lab.scenario_run import MeshView
 from lab.controller import (EXPECTED_ERRORS, Lab, LabError, check_dir, control_request, controller_pid,
                             default_dir, error_text, teardown)
@@ -641,119 +641,11 @@ def read_log(args, name):
 
 # -- parsing ----------------------------------------------------------------------------------
 
-def number(lo, hi, base=10):
-    """An argparse type: a whole number from `lo` to `hi` (`base` 0: also 0x... and 0b...)."""
-    def convert(text):
-        try:
-            value = int(text, base)
-        except ValueError:
-            raise argparse.ArgumentTypeError(f"{text!r} is not a whole number") from None
-        if not lo <= value <= hi:
-            raise argparse.ArgumentTypeError(f"{text} is not from {lo} to {hi}")
-        return value
-    return convert
-
-
-BYTE, SBYTE, BITS = number(0, 255), number(-128, 127), number(0, 0xFFFFFFFF, 0)
-
-
 def parser():
     common = argparse.ArgumentParser(add_help=False)
     common.add_argument("--dir", type=Path, default=argparse.SUPPRESS,
                         help=f"the lab directory (default {default_dir()}, or $BANDHERD_LAB)")
-    p = argparse.ArgumentParser(prog="python3 -m lab", description="The bandherd lab: a simulated mesh.",
-                                parents=[common])
-    sub = p.add_subparsers(dest="command", required=True)
-
-    def add(name, func, help_text):
-        sp = sub.add_parser(name, parents=[common], help=help_text, description=help_text)
-        sp.set_defaults(func=func)
-        return sp
-
-    for name, func, text in (("up", cmd_up, "bring a mesh up and keep it running in the background"),
-                             ("serve", cmd_serve, "run a lab's controller in the foreground")):
-        sp = add(name, func, text)
-        sp.add_argument("topology", type=Path)
-        sp.add_argument("--no-daemons", action="store_true", help="do not start the daemons")
-        sp.add_argument("--set", action="append", default=[], metavar="KEY=VALUE",
-                        help="add a configuration key to every node")
-    add("down", cmd_down, "tear the lab down (also after a failed run)")
-    sp = add("nodes", cmd_nodes, "the nodes and their daemons")
-    sp.add_argument("--json", action="store_true")
-    sp = add("log", cmd_log, "a node's daemon output")
-    sp.add_argument("node")
-    sp.add_argument("-f", "--follow", action="store_true")
-    sp = add("exec", cmd_exec, "run a command (default: a shell) inside a node")
-    sp.add_argument("node")
-    sp.add_argument("argv", nargs=argparse.REMAINDER)
-    sp = add("cli", cmd_cli, "run the operator's front end tools/steer_cli.sh inside a node: cli A sta -l")
-    sp.add_argument("node")
-    sp.add_argument("argv", nargs=argparse.REMAINDER)
-    sp = add("inject", cmd_inject, "send a driver event (code or name, payload in hex) to a node's daemon")
-    sp.add_argument("node")
-    sp.add_argument("event", help="event code or name: 2, STA_JOIN, MAPS_EV_STA_JOIN")
-    sp.add_argument("hex", nargs="?", default="", help="the payload in hex")
-    sp = add("sta", cmd_sta, "a station event: join, leave, band or status")
-    sp.add_argument("node")
-    sp.add_argument("event", choices=["join", "leave", "band", "status"])
-    sp.add_argument("mac")
-    sp.add_argument("--bss", type=BYTE, required=True, help="the driver's BSS index")
-    sp.add_argument("--rssi", type=SBYTE)
-    sp.add_argument("--bands", type=BITS, help="band bits: 2G 2, 5L 4, 5H 8, 6G 16")
-    sp.add_argument("--caps", type=BITS, help="capability bits: HT 1, VHT 2, RRM 4, BTM 8, HE 16")
-    sp.add_argument("--nss", type=BYTE)
-    sp.add_argument("--load", type=BYTE)
-    sp.add_argument("--sta-num", type=BYTE)
-    sp.add_argument("--active", type=int, choices=[0, 1])
-    sp = add("radio", cmd_radio, "a radio status event")
-    sp.add_argument("node")
-    sp.add_argument("index", type=BYTE)
-    sp.add_argument("channel", type=BYTE)
-    sp.add_argument("--load", type=BYTE)
-    sp.add_argument("--sta-num", type=BYTE)
-    sp.add_argument("--work-band", type=BITS)
-    sp = add("send", cmd_send, "a mesh message from the lab's mesh daemon to a node (or 'broadcast')")
-    sp.add_argument("node")
-    sp.add_argument("type")
-    sp.add_argument("json")
-    sp.add_argument("--from", dest="sender", default=None, help="send as this node (default: the lab)")
-    sp = add("relay", cmd_relay,
-             "mesh faults: drop [TYPE..] | delay S [TYPE..] | loss FRACTION | partition A,B C | heal | clear | show")
-    sp.add_argument("action", choices=["drop", "delay", "loss", "partition", "heal", "clear", "show"])
-    sp.add_argument("args", nargs="*")
-    sp = add("world", cmd_world, "stations that answer like real ones: add | join | leave | rssi | show | timeline")
-    sp.add_argument("action", choices=["add", "join", "leave", "rssi", "show", "timeline"])
-    sp.add_argument("args", nargs="*")
-    sp.add_argument("--ssid", default="herd")
-    sp.add_argument("--btm", choices=["obey", "reject", "ignore", "sticky"], default="obey")
-    sp.add_argument("--caps", type=number(0, 31))
-    sp.add_argument("--bands", type=number(0, 31))
-    sp.add_argument("--rssi", type=number(-128, 0))
-    sp.add_argument("--at", action="append", metavar="NODE:VAP=RSSI")
-    sp = add("driver", cmd_driver, "driver misbehaviour of a node")
-    sp.add_argument("node")
-    sp.add_argument("--pong-version", help="version text of the netlink pong")
-    sp.add_argument("--no-pong", action="store_true", help="do not answer the netlink ping")
-    sp.add_argument("--ping-answer", help="4-byte answer of the MAPS ping")
-    sp.add_argument("--ping-fails", action="store_true", help="fail the MAPS ping")
-    sp.add_argument("--fail", action="append", metavar="CALL[=RESULT]", help="make a Wi-Fi call fail")
-    sp.add_argument("--refuse", action="append", metavar="CMD[=RESULT]", help="make a MAPS command fail")
-    sp.add_argument("--reset", action="store_true", help="behave again")
-    sp = add("start", cmd_start, "start a node's daemon")
-    sp.add_argument("node")
-    sp = add("stop", cmd_stop, "signal a node's daemon and wait for its end")
-    sp.add_argument("node")
-    sp.add_argument("--signal", default="TERM")
-    sp = add("messages", cmd_messages, "the mesh messages seen so far")
-    sp.add_argument("--type")
-    sp = add("scenario", cmd_scenario, "play a scenario file against the running lab and print its timeline")
-    sp.add_argument("file", type=Path)
-    sp.add_argument("-v", "--verbose", action="store_true",
-                    help="also periodic status events, Wi-Fi queries and every log line at info level")
-    sp.add_argument("-q", "--quiet", action="store_true", help="only the summary")
-    sp = add("demo", cmd_demo, "a three-node mesh, a short scenario, neighbour tables and station counts converging")
-    sp.add_argument("--keep", action="store_true", help="leave the lab running")
-    return p
+    return commands.parser(globals(), common)
 
 
 def main(argv=None):

@@ -26,7 +26,7 @@ import threading
 import time
 from pathlib import Path
 
-from lab import netns, scenario_check, topology as topo_mod
+from lab import commands, netns, scenario_check, topology as topo_mod
 from lab.world import World, blocked_everywhere
 from lab.driver import DAEMON_PORT, SUN_PATH_MAX, DriverDouble, check_call, command_code, event_code
 from lab.journal import Journal
@@ -465,80 +465,92 @@ class Lab:
     def control(self, req):
         """Carries out one control request (a dict with "cmd") and returns the result."""
         cmd = req.get("cmd")
-        if cmd == "status":
-            # A background controller is ready once it has started the daemons too.
-            return {"ready": self.ready and (not self.serving or self._served),
-                    "dir": str(self.dir), "pid": os.getpid(), "topology": self.topology.source}
-        if not self.ready and cmd != "down":
+        if cmd not in commands.REQUESTS:
+            raise LabError(f"unknown command {cmd!r}")
+        if not self.ready and cmd not in ("status", "down"):
             raise LabError("the lab is not up")
-        if cmd == "nodes":
-            return self.nodes()
-        if cmd == "inject":
-            code, payload = event_code(req["code"]), bytes.fromhex(req.get("hex", ""))
-            return self._event(req["node"], lambda drv: drv.inject(code, payload))
-        if cmd == "sta":
-            node = self.node(req["node"])
-            told = {i: b["if"] for i, b in self.driver(node.name).state()["bss"].items()}
-            problem = node.bss_problem(req["bss_index"], told)
-            if problem:
-                raise LabError(problem)
-            fields = {k: req[k] for k in ("bands", "caps", "rssi", "nss", "load", "sta_num", "active")
-                      if k in req}
-            return self._event(node.name, lambda drv: drv.sta_event(req["event"], req["mac"], req["bss_index"],
-                                                                    **fields))
-        if cmd == "radio":
-            fields = {k: req[k] for k in ("load", "sta_num", "work_band") if k in req}
-            return self._event(req["node"], lambda drv: drv.radio_status(req["radio_index"], req["channel"],
-                                                                         **fields))
-        if cmd == "send":
-            return self.send(req.get("from"), req["to"], req["type"], req.get("body", {}))
-        if cmd == "announce":
-            return self.announce_uplink(req["node"])
-        if cmd == "relay":
-            return self._relay_control(req)
-        if cmd == "world":
-            return self._world_control(req)
-        if cmd == "driver":
-            drv = self.driver(req["node"])
-            calls = {check_call(k): _result(v) for k, v in req.get("call_results", {}).items()}
-            commands = {command_code(k): _result(v) for k, v in req.get("command_results", {}).items()}
-            if "pong_version" in req:
-                drv.pong_version = req["pong_version"]
-            if "ping_answer" in req:
-                drv.ping_answer = None if req["ping_answer"] is None else req["ping_answer"].encode()
-            if "call_results" in req:
-                drv.call_results = calls
-            if "command_results" in req:
-                drv.command_results = commands
-            return {"pong_version": drv.pong_version, "ping_answer": None if drv.ping_answer is None
-                    else drv.ping_answer.decode(errors="replace"),
-                    "call_results": drv.call_results, "command_results": drv.command_results}
-        if cmd == "start":
-            d = self.start_daemon(req["node"], req.get("env"))
-            if self.serving and self.node(req["node"]).backhaul is not None:
-                threading.Thread(target=self._announce_when_listening, args=(d.node,), daemon=True).start()
-            return d.pid
-        if cmd == "stop":
-            sig = parse_signal(req.get("signal", "TERM"))
-            return exit_text(self.stop_daemon(req["node"], sig, req.get("timeout", 20.0)))
-        if cmd == "messages":
-            return self.relay.messages(**req.get("match", {}))
-        if cmd == "scenario":
-            return self.start_scenario(req["scenario"], req.get("source"), req.get("base"))
-        if cmd == "scenario_stop":
-            if self.scenario is None or not self.scenario.running():
-                return "no scenario runs"
-            self.scenario.stop()
-            return "stopping"
-        if cmd == "records":
-            return self.driver(req["node"]).records(**req.get("match", {}))
-        if cmd == "down":
-            if self.serving:
-                self.stop_requested.set()
-            else:
-                threading.Thread(target=self.down, daemon=True).start()
-            return "going down"
-        raise LabError(f"unknown command {cmd!r}")
+        return getattr(self, "serve_" + cmd)(req)
+
+    # The requests of the control socket, one method each (lab/commands.py lists them).
+
+    def serve_status(self, req):
+        # A background controller is ready once it has started the daemons too.
+        return {"ready": self.ready and (not self.serving or self._served),
+                "dir": str(self.dir), "pid": os.getpid(), "topology": self.topology.source}
+
+    def serve_nodes(self, req):
+        return self.nodes()
+
+    def serve_inject(self, req):
+        code, payload = event_code(req["code"]), bytes.fromhex(req.get("hex", ""))
+        return self._event(req["node"], lambda drv: drv.inject(code, payload))
+
+    def serve_sta(self, req):
+        node = self.node(req["node"])
+        told = {i: b["if"] for i, b in self.driver(node.name).state()["bss"].items()}
+        problem = node.bss_problem(req["bss_index"], told)
+        if problem:
+            raise LabError(problem)
+        fields = {k: req[k] for k in ("bands", "caps", "rssi", "nss", "load", "sta_num", "active") if k in req}
+        return self._event(node.name, lambda drv: drv.sta_event(req["event"], req["mac"], req["bss_index"], **fields))
+
+    def serve_radio(self, req):
+        fields = {k: req[k] for k in ("load", "sta_num", "work_band") if k in req}
+        return self._event(req["node"], lambda drv: drv.radio_status(req["radio_index"], req["channel"], **fields))
+
+    def serve_send(self, req):
+        return self.send(req.get("from"), req["to"], req["type"], req.get("body", {}))
+
+    def serve_announce(self, req):
+        return self.announce_uplink(req["node"])
+
+    def serve_driver(self, req):
+        drv = self.driver(req["node"])
+        calls = {check_call(k): _result(v) for k, v in req.get("call_results", {}).items()}
+        cmds = {command_code(k): _result(v) for k, v in req.get("command_results", {}).items()}
+        if "pong_version" in req:
+            drv.pong_version = req["pong_version"]
+        if "ping_answer" in req:
+            drv.ping_answer = None if req["ping_answer"] is None else req["ping_answer"].encode()
+        if "call_results" in req:
+            drv.call_results = calls
+        if "command_results" in req:
+            drv.command_results = cmds
+        return {"pong_version": drv.pong_version, "ping_answer": None if drv.ping_answer is None
+                else drv.ping_answer.decode(errors="replace"),
+                "call_results": drv.call_results, "command_results": drv.command_results}
+
+    def serve_start(self, req):
+        d = self.start_daemon(req["node"], req.get("env"))
+        if self.serving and self.node(req["node"]).backhaul is not None:
+            threading.Thread(target=self._announce_when_listening, args=(d.node,), daemon=True).start()
+        return d.pid
+
+    def serve_stop(self, req):
+        sig = parse_signal(req.get("signal", "TERM"))
+        return exit_text(self.stop_daemon(req["node"], sig, req.get("timeout", 20.0)))
+
+    def serve_messages(self, req):
+        return self.relay.messages(**req.get("match", {}))
+
+    def serve_scenario(self, req):
+        return self.start_scenario(req["scenario"], req.get("source"), req.get("base"))
+
+    def serve_scenario_stop(self, req):
+        if self.scenario is None or not self.scenario.running():
+            return "no scenario runs"
+        self.scenario.stop()
+        return "stopping"
+
+    def serve_records(self, req):
+        return self.driver(req["node"]).records(**req.get("match", {}))
+
+    def serve_down(self, req):
+        if self.serving:
+            self.stop_requested.set()
+        else:
+            threading.Thread(target=self.down, daemon=True).start()
+        return "going down"
 
     def _event(self, name, send):
         """Sends a driver event with `send(driver)`; returns its bytes in hex."""
@@ -558,7 +570,7 @@ class Lab:
             self.scenario = Runner(self, sc).start()
         return {"timeline": str(self.scenario.path), "name": sc.name, "duration": sc.duration}
 
-    def _relay_control(self, req):
+    def serve_relay(self, req):
         action = req.get("action", "faults")
         r = self.relay
         if action != "faults":
@@ -574,7 +586,7 @@ class Lab:
             raise LabError(f"node {node} has no VAP {name!r}")
         return vap
 
-    def _world_control(self, req):
+    def serve_world(self, req):
         w, action = self.world, req["action"]
         mac = req.get("mac")
         if req.get("node") is not None:

@@ -258,3 +258,13 @@ def test_demo_shows_the_three_node_mesh_converge_on_its_scenarios_stations(bandh
     assert json.loads((lab_dir / "timeline.jsonl").read_text().splitlines()[-1])["kind"] == "summary"
     assert [p for p in lab_dir.rglob("*") if p.is_socket()] == []
     assert not (lab_dir / "pids.json").exists()
+
+
+def test_the_control_socket_serves_exactly_the_requests_of_the_command_table():
+    from lab import commands
+    lab = Lab()
+    assert {r for r in commands.REQUESTS if not callable(getattr(lab, "serve_" + r, None))} == set()
+    with pytest.raises(LabError, match="unknown command 'serve_down'"):
+        lab.control({"cmd": "serve_down"})
+    with pytest.raises(LabError, match="the lab is not up"):
+        lab.control({"cmd": "nodes"})
