@@ -27,13 +27,14 @@ import time
 from pathlib import Path
 
 from lab import commands, netns, scenario_check, topology as topo_mod
-from lab.world import World, blocked_everywhere
-from lab.driver import DAEMON_PORT, SUN_PATH_MAX, DriverDouble, check_call, command_code, event_code
+from lab.driver import DriverDouble
 from lab.journal import Journal
 from lab.loop import Loop
 from lab.relay import Relay
-from lab.sandbox import daemon_binary, exit_text, parse_signal, wait_until
+from lab.sandbox import daemon_binary, exit_text, wait_until
 from lab.scenario_run import Runner
+from lab.wire import DAEMON_PORT, SUN_PATH_MAX
+from lab.world import World
 
 log = logging.getLogger("lab")
 
@@ -113,6 +114,7 @@ class Lab:
         self.ns = None
         self.relay = None
         self.drivers = {}
+        self.world = None
         self.daemons = {}
         self.mesh_journal = None
         self.ready = False
@@ -133,11 +135,13 @@ class Lab:
 
     # -- bring-up ---------------------------------------------------------------
 
-    def up(self, topology, lab_dir=None, settings=None):
-        """Builds the lab: directory, driver doubles, relay, control socket, namespaces.
+    def up(self, topology, lab_dir=None, settings=None, namespaces=True):
+        """Builds the lab: directory, driver doubles, radio world, relay, control socket, namespaces.
 
         `topology` is a file, a decoded topology object or a `Topology`;
-        `settings` are configuration keys added to every node's bandherd.conf."""
+        `settings` are configuration keys added to every node's bandherd.conf. Without
+        `namespaces` the nodes exist only as their directories and sockets (no daemon can
+        run): enough to drive the driver doubles, the world and the relay from a test."""
         if isinstance(topology, topo_mod.Topology):
             self.topology = topology
         elif isinstance(topology, dict):
@@ -149,14 +153,14 @@ class Lab:
         self._check_settings(settings or {})
         prepare_dir(self.dir)
         try:
-            self._build(settings or {})
+            self._build(settings or {}, namespaces)
         except BaseException:
             self.down()
             raise
         self.ready = True
         return self
 
-    def _build(self, settings):
+    def _build(self, settings, namespaces):
         raw = self.topology.raw if self.topology.raw is not None else {}
         (self.dir / "topology.json").write_text(json.dumps(raw, indent=2) + "\n")
         for node in self.topology.nodes:
@@ -174,6 +178,8 @@ class Lab:
         self.loop.call(self._start_sockets)
         self._start_control()
         (self.dir / CONTROLLER_PID).write_text(f"{os.getpid()}\n")
+        if not namespaces:
+            return
         self.ns = netns.Namespaces(self.dir)
         self.ns.start_host()
         for node in self.topology.nodes:
@@ -216,6 +222,8 @@ class Lab:
     def start_daemon(self, name, extra_env=None, args=()):
         """Starts bandherd in node `name`, its output appended to <node>/bandherd.log."""
         node = self.node(name)
+        if self.ns is None:
+            raise LabError("this lab has no node namespaces: no daemon can run in it")
         with self._lock:
             d = self.daemons.get(node.name)
             if d is not None and d.returncode is None:
@@ -233,6 +241,14 @@ class Lab:
             d = Daemon(node.name, proc, log_path)
             self.daemons[node.name] = d
             return d
+
+    def start_node(self, name):
+        """Starts a node's daemon; a node with a wireless backhaul is told its uplink ("SAP_INFO")
+        once its daemon listens, as the mesh daemon does."""
+        d = self.start_daemon(name)
+        if self.node(name).backhaul is not None:
+            threading.Thread(target=self._announce_when_listening, args=(d.node,), daemon=True).start()
+        return d
 
     def daemon(self, name):
         return self.daemons.get(self.node(name).name)
@@ -320,12 +336,18 @@ class Lab:
         up = self.node(node.backhaul.uplink)
         return self.send(None, node.name, "SAP_INFO", {"mac": up.id, "hopcont": node.backhaul.hops})
 
-    def blocked_everywhere(self):
-        """{station mac: longest seconds it was blocked on every BSS of an ESS on every node}."""
-        records = sorted((r for d in self.drivers.values() for r in d.commands("SET_STA")), key=lambda r: r["mono"])
-        indices = {name: {v.ifname: d.bss_index(v) for v in d.node.vaps if d.bss_index(v) is not None}
-                   for name, d in self.drivers.items()}
-        return blocked_everywhere(records, self.topology, indices)
+    def send_event(self, name, send):
+        """Sends a driver event with `send(driver)`; returns its bytes in hex."""
+        try:
+            return send(self.driver(name)).hex()
+        except OSError as e:
+            raise LabError(f"{self.node(name).name}'s daemon does not take driver events "
+                           f"({e.strerror or e}); is it running?") from None
+
+    def check(self, since=None):
+        """The world's lock-out check over everything so far (or since `since`, monotonic):
+        {"blocked_everywhere": {mac: s}, "lockouts": {mac: [s, ...]}, "problems": [...], "limit": s}."""
+        return self.world.check(since)
 
     def wait_for(self, predicate, timeout=10.0, step=0.02):
         """Polls `predicate` until it returns something true and returns that; TimeoutError otherwise."""
@@ -396,10 +418,9 @@ class Lab:
             self.loop.call(stop_sockets)
             self.loop.stop()
             self.loop = None
-        for drv in self.drivers.values():
-            drv.journal.close()
-        if self.mesh_journal is not None:
-            self.mesh_journal.close()
+        for journal in [d.journal for d in self.drivers.values()] + [self.mesh_journal, self.world and self.world.journal]:
+            if journal is not None:
+                journal.close()
         if self.dir is not None:
             remove_sockets(self.dir)
             try:
@@ -459,106 +480,25 @@ class Lab:
                     answer = {"ok": False, "error": error_text(e)}
                 f.write(json.dumps(answer).encode() + b"\n")
                 f.flush()
-                if req.get("cmd") == "down" and answer["ok"]:
+                if req.get("cmd") == "shutdown" and answer["ok"]:
                     return
 
     def control(self, req):
-        """Carries out one control request (a dict with "cmd") and returns the result."""
-        cmd = req.get("cmd")
-        if cmd not in commands.REQUESTS:
-            raise LabError(f"unknown command {cmd!r}")
-        if not self.ready and cmd not in ("status", "down"):
+        """Carries out one control request (a dict with "cmd": a command of lab/commands.py)."""
+        try:
+            command = commands.find(req.get("cmd"))
+        except ValueError as e:
+            raise LabError(str(e)) from None
+        if command.serve is None:
+            raise LabError(f"the command {command.name!r} runs in the command line, not in the controller")
+        if not self.ready and command.name not in ("status", "shutdown"):
             raise LabError("the lab is not up")
-        return getattr(self, "serve_" + cmd)(req)
+        return command.serve(self, req)
 
-    # The requests of the control socket, one method each (lab/commands.py lists them).
-
-    def serve_status(self, req):
+    def status(self):
         # A background controller is ready once it has started the daemons too.
         return {"ready": self.ready and (not self.serving or self._served),
                 "dir": str(self.dir), "pid": os.getpid(), "topology": self.topology.source}
-
-    def serve_nodes(self, req):
-        return self.nodes()
-
-    def serve_inject(self, req):
-        code, payload = event_code(req["code"]), bytes.fromhex(req.get("hex", ""))
-        return self._event(req["node"], lambda drv: drv.inject(code, payload))
-
-    def serve_sta(self, req):
-        node = self.node(req["node"])
-        told = {i: b["if"] for i, b in self.driver(node.name).state()["bss"].items()}
-        problem = node.bss_problem(req["bss_index"], told)
-        if problem:
-            raise LabError(problem)
-        fields = {k: req[k] for k in ("bands", "caps", "rssi", "nss", "load", "sta_num", "active") if k in req}
-        return self._event(node.name, lambda drv: drv.sta_event(req["event"], req["mac"], req["bss_index"], **fields))
-
-    def serve_radio(self, req):
-        fields = {k: req[k] for k in ("load", "sta_num", "work_band") if k in req}
-        return self._event(req["node"], lambda drv: drv.radio_status(req["radio_index"], req["channel"], **fields))
-
-    def serve_send(self, req):
-        return self.send(req.get("from"), req["to"], req["type"], req.get("body", {}))
-
-    def serve_announce(self, req):
-        return self.announce_uplink(req["node"])
-
-    def serve_driver(self, req):
-        drv = self.driver(req["node"])
-        calls = {check_call(k): _result(v) for k, v in req.get("call_results", {}).items()}
-        cmds = {command_code(k): _result(v) for k, v in req.get("command_results", {}).items()}
-        if "pong_version" in req:
-            drv.pong_version = req["pong_version"]
-        if "ping_answer" in req:
-            drv.ping_answer = None if req["ping_answer"] is None else req["ping_answer"].encode()
-        if "call_results" in req:
-            drv.call_results = calls
-        if "command_results" in req:
-            drv.command_results = cmds
-        return {"pong_version": drv.pong_version, "ping_answer": None if drv.ping_answer is None
-                else drv.ping_answer.decode(errors="replace"),
-                "call_results": drv.call_results, "command_results": drv.command_results}
-
-    def serve_start(self, req):
-        d = self.start_daemon(req["node"], req.get("env"))
-        if self.serving and self.node(req["node"]).backhaul is not None:
-            threading.Thread(target=self._announce_when_listening, args=(d.node,), daemon=True).start()
-        return d.pid
-
-    def serve_stop(self, req):
-        sig = parse_signal(req.get("signal", "TERM"))
-        return exit_text(self.stop_daemon(req["node"], sig, req.get("timeout", 20.0)))
-
-    def serve_messages(self, req):
-        return self.relay.messages(**req.get("match", {}))
-
-    def serve_scenario(self, req):
-        return self.start_scenario(req["scenario"], req.get("source"), req.get("base"))
-
-    def serve_scenario_stop(self, req):
-        if self.scenario is None or not self.scenario.running():
-            return "no scenario runs"
-        self.scenario.stop()
-        return "stopping"
-
-    def serve_records(self, req):
-        return self.driver(req["node"]).records(**req.get("match", {}))
-
-    def serve_down(self, req):
-        if self.serving:
-            self.stop_requested.set()
-        else:
-            threading.Thread(target=self.down, daemon=True).start()
-        return "going down"
-
-    def _event(self, name, send):
-        """Sends a driver event with `send(driver)`; returns its bytes in hex."""
-        try:
-            return send(self.driver(name)).hex()
-        except OSError as e:
-            raise LabError(f"{self.node(name).name}'s daemon does not take driver events "
-                           f"({e.strerror or e}); is it running?") from None
 
     def start_scenario(self, raw, source=None, base=None):
         """Starts a scenario (a decoded scenario file) on a thread; its timeline grows in
@@ -570,52 +510,10 @@ class Lab:
             self.scenario = Runner(self, sc).start()
         return {"timeline": str(self.scenario.path), "name": sc.name, "duration": sc.duration}
 
-    def serve_relay(self, req):
-        action = req.get("action", "faults")
-        r = self.relay
-        if action != "faults":
-            try:
-                r.apply(action, req.get("types"), req.get("seconds"), req.get("groups"), req.get("fraction"))
-            except ValueError as e:
-                raise LabError(str(e)) from None
-        return r.faults()
-
-    def _world_vap(self, node, name):
-        vap = self.node(node).vap(name)
-        if vap is None:
-            raise LabError(f"node {node} has no VAP {name!r}")
-        return vap
-
-    def serve_world(self, req):
-        w, action = self.world, req["action"]
-        mac = req.get("mac")
-        if req.get("node") is not None:
-            self._world_vap(req["node"], req.get("vap"))
-        try:
-            if action == "add":
-                at = {}
-                for node, vap, rssi in req.get("at", []):
-                    at[(node, self._world_vap(node, vap).ifname)] = rssi
-                fields = {k: req[k] for k in ("bands", "caps", "rssi", "btm", "active") if req.get(k) is not None}
-                w.add(mac, req.get("ssid", "herd"), rssi_to=at, **fields)
-            elif action == "join":
-                w.connect(mac, req.get("node"), req.get("vap"))
-            elif action == "leave":
-                w.disconnect(mac)
-            elif action == "rssi":
-                w.set_rssi(mac, req["rssi"], req.get("node"), req.get("vap"))
-            elif action == "timeline":
-                return w.timeline(mac)
-            return w.show()
-        except KeyError as e:
-            raise LabError(f"the world has no station {e.args[0]}") from None
-        except ValueError as e:
-            raise LabError(str(e)) from None
-
     # -- the background controller -------------------------------------------------
 
     def serve(self, topology, lab_dir=None, settings=None, daemons=True):
-        """Runs a lab until a "down" request, SIGTERM or SIGINT, then tears it down."""
+        """Runs a lab until a shutdown request, SIGTERM or SIGINT, then tears it down."""
         self.serving = True
         for sig in (signal.SIGTERM, signal.SIGINT, signal.SIGHUP):
             signal.signal(sig, lambda *_: self.stop_requested.set())
@@ -623,11 +521,7 @@ class Lab:
             self.up(topology, lab_dir, settings)
             if daemons:
                 for n in self.topology.nodes:
-                    self.start_daemon(n.name)
-                for n in self.topology.nodes:
-                    if n.backhaul is not None:
-                        threading.Thread(target=self._announce_when_listening, args=(n.name,),
-                                         daemon=True).start()
+                    self.start_node(n.name)
             self._served = True
             print(f"lab up in {self.dir}", flush=True)
             while not self.stop_requested.wait(0.5):
@@ -643,13 +537,6 @@ class Lab:
                 self.announce_uplink(name)
             except Exception as e:
                 log.warning("SAP_INFO to %s not sent: %s", name, e)
-
-
-def _result(value):
-    """A result code a misbehaving driver answers with."""
-    if isinstance(value, bool) or not isinstance(value, int):
-        raise ValueError(f"a result is a whole number, not {value!r}")
-    return value
 
 
 def prepare_dir(lab_dir):
@@ -753,7 +640,7 @@ def teardown(lab_dir, timeout=30.0):
     done = "nothing to do"
     if pid is not None:
         try:
-            control_request(lab_dir, {"cmd": "down"}, timeout=5.0)
+            control_request(lab_dir, {"cmd": "shutdown"}, timeout=5.0)
             done = f"controller {pid} went down"
         except (OSError, LabError, ValueError):
             os.kill(pid, signal.SIGTERM)

@@ -8,6 +8,11 @@ Two sockets under <lab>/nodes/<name>/run/maps/ (the node sees them under /var/ru
     uwb     stream: one Wi-Fi library call per connection, one request line and
             one answer line (see lab/README.md for the calls).
 
+The double applies what the daemon sets (BSS indices, radios, the steering
+configuration, per-station blocks) and decides, as a driver does, whether a
+station may associate (`refusal`). Kicks, BSS transition requests and beacon
+requests go to the radio world, whose stations answer them.
+
 Everything the daemon sends (netlink messages, MAPS commands through
 `steer_maps`, other Wi-Fi calls) and every event the double sends is recorded
 in memory and appended to <lab>/nodes/<name>/driver.jsonl.
@@ -17,188 +22,21 @@ import copy
 import logging
 import socket
 import time
-import struct
 from pathlib import Path
+
+from lab.wire import (API_VERSION, BANDS, CAPS, CMD, COMMAND_RECORDS, COMMANDS, DAEMON_PORT, EV, EVENTS,
+                      HEADER_SIZE, MAGIC, NLMSG_HEADER, REJECT_RECORD, bind_unix, check_socket_path,
+                      command_code, cstr, decode_event, event_code, mac_bytes, mac_text, netlink_message,
+                      radio_payload, sta_payload)
+
+__all__ = ["DriverDouble", "check_call", "BANDS", "CAPS", "EV", "CMD", "command_code", "event_code"]
 
 log = logging.getLogger("lab.driver")
 
-MAGIC = b"steerin"
-API_VERSION = "MAPS_API_V2"
-DAEMON_PORT = 3333
-NLMSG_HEADER = struct.Struct("=IHHII")     # len, type, flags, seq, pid
-HEADER_SIZE = NLMSG_HEADER.size + 8         # netlink header, magic and code
-SUN_PATH_MAX = 107
-
-EVENTS = {
-    0: "MAPS_EV_PING", 1: "MAPS_EV_PONG", 2: "MAPS_EV_STA_JOIN", 3: "MAPS_EV_STA_LEAVE",
-    4: "MAPS_EV_STA_BAND", 5: "MAPS_EV_STA_STATUS", 6: "MAPS_EV_BEACON_REP",
-    7: "MAPS_EV_BSS_TRANS", 8: "MAPS_EV_REJECT", 9: "MAPS_EV_RADIO_STATUS",
-    10: "MAPS_EV_VAP_UPDATE",
-}
-COMMANDS = {
-    0: "MAPS_CMD_PING", 1: "MAPS_CMD_SET_BSS", 2: "MAPS_CMD_SET_STA", 3: "MAPS_CMD_SET_CONFIG",
-    4: "MAPS_CMD_ADD_RADIO", 5: "MAPS_CMD_SET_RADIO", 6: "MAPS_CMD_DUMP_CONFIG",
-    7: "MAPS_CMD_DUMP_RADIO", 8: "MAPS_CMD_DUMP_STA", 9: "MAPS_CMD_CLEAN", 10: "MAPS_CMD_DBG",
-    11: "MAPS_CMD_BSS_TRANS", 12: "MAPS_CMD_BEACON_REQ",
-}
-EV = {name[len("MAPS_EV_"):]: code for code, name in EVENTS.items()}       # "STA_JOIN" -> 2
-CMD = {name[len("MAPS_CMD_"):]: code for code, name in COMMANDS.items()}   # "SET_STA" -> 2
-
-
-
-def event_code(name):
-    """An event code from a number or a name ("2", "STA_JOIN", "sta-join", "MAPS_EV_STA_JOIN")."""
-    if isinstance(name, int):
-        return name
-    text = str(name).strip()
-    if text.isdigit():
-        return int(text)
-    key = text.upper().replace("-", "_").removeprefix("MAPS_EV_")
-    if key not in EV:
-        raise ValueError(f"unknown event {name!r} (events: {', '.join(EV)})")
-    return EV[key]
-
-
-def command_code(name):
-    """A command code from a number or a name ("2", "SET_STA", "MAPS_CMD_SET_STA")."""
-    if isinstance(name, int):
-        return name
-    text = str(name).strip()
-    if text.isdigit():
-        return int(text)
-    key = text.upper().replace("-", "_").removeprefix("MAPS_CMD_")
-    if key not in CMD:
-        raise ValueError(f"unknown command {name!r} (commands: {', '.join(CMD)})")
-    return CMD[key]
-
-
-BANDS = {"IG": 1, "2G": 2, "5L": 4, "5H": 8, "6G": 16}
-CAPS = {"HT": 1, "VHT": 2, "RRM": 4, "BTM": 8, "HE": 16}
-BLOCK_MODES = {0: "MAPS_BLOCK_DEFAULT", 1: "MAPS_BLOCK_BSS", 2: "MAPS_BLOCK_DISBALE"}
-BAND_MODES = {0: "MAPS_BAND_ACCEPT", 1: "MAPS_BAND_BLOCK", 2: "MAPS_BAND_BLOCK_RSSI"}
-LOG_LEVELS = {0: "MAPS_LOG_ERROR", 1: "MAPS_LOG_INFO", 2: "MAPS_LOG_DEBUG", 3: "MAPS_LOG_DUMP",
-              4: "MAPS_LOG_MAX"}
-
-
-def mac_text(b):
-    return ":".join(f"{x:02x}" for x in b)
-
-
-def mac_bytes(text):
-    parts = text.split(":")
-    if len(parts) != 6 or not all(len(p) == 2 for p in parts):
-        raise ValueError(f"not a MAC address: {text!r}")
-    return bytes(int(p, 16) for p in parts)
-
-
-def _cstr(b):
-    return b.split(b"\0", 1)[0].decode(errors="replace")
-
-
-class Record:
-    """A fixed wire record: a struct layout (native byte order), field names and
-    a decoder per field for the journal."""
-
-    def __init__(self, fmt, names, decode=None):
-        self.struct = struct.Struct("=" + fmt)
-        self.names = names
-        self.decode_field = decode or {}
-
-    @property
-    def size(self):
-        return self.struct.size
-
-    def pack(self, **values):
-        return self.struct.pack(*(values[n] for n in self.names))
-
-    def decode(self, payload):
-        """The fields of a payload, or None when it is shorter than the record."""
-        if len(payload) < self.size:
-            return None
-        values = self.struct.unpack_from(payload)
-        out = {}
-        for name, v in zip(self.names, values):
-            conv = self.decode_field.get(name)
-            out[name] = conv(v) if conv else v
-        return out
-
-
-def _named(table):
-    return lambda v: table.get(v, v)
-
-
-# The station record of the join, leave, band and status events (24 bytes).
-STA_RECORD = Record("6sBxIIbBBBB3x",
-                    ["mac", "bss_index", "bands", "caps", "rssi", "nss", "load", "sta_num", "active"],
-                    {"mac": mac_text})
-# The radio status record (8 bytes).
-RADIO_RECORD = Record("BBBBI", ["radio_index", "channel", "load", "sta_num", "work_band"])
-
-EVENT_RECORDS = {
-    2: STA_RECORD, 3: STA_RECORD, 4: STA_RECORD, 5: STA_RECORD, 9: RADIO_RECORD,
-}
-
-COMMAND_RECORDS = {
-    1: Record("B3xI", ["index", "ess_radios"]),
-    2: Record("6s2xII", ["mac", "mode", "block_bss"], {"mac": mac_text, "mode": _named(BLOCK_MODES)}),
-    3: Record("BBBxIBBBxIBB2xIBB2x",
-              ["enable", "enable_reject_probe", "enable_reject_auth", "probe_age", "reject_age",
-               "reject_max_cnt", "active_slot", "active_flow", "enable_delay_reject_probe",
-               "enable_delay_reject_auth", "delay_reject_age", "delay_reject_stanum", "mode"]),
-    4: Record("B", ["index"]),
-    5: Record("B3xIbbbb", ["index", "mode", "reject_rssi_upper", "reject_rssi_lower",
-                           "monitor_rssi_high", "monitor_rssi_low"], {"mode": _named(BAND_MODES)}),
-    10: Record("I", ["level"], {"level": _named(LOG_LEVELS)}),
-    11: Record("6s6sB", ["sta", "bss", "channel"], {"sta": mac_text, "bss": mac_text}),
-    12: Record("33s6sB", ["ssid", "sta", "channel"], {"ssid": _cstr, "sta": mac_text}),
-}
-assert COMMAND_RECORDS[3].size == 28 and STA_RECORD.size == 24 and RADIO_RECORD.size == 8
-
-
-def sta_payload(mac, bss_index, bands=BANDS["2G"] | BANDS["5L"] | BANDS["5H"],
-                caps=CAPS["HT"] | CAPS["VHT"] | CAPS["RRM"] | CAPS["BTM"], rssi=-50, nss=2,
-                load=0, sta_num=1, active=1):
-    """A `maps_msg_sta_t` record."""
-    return STA_RECORD.pack(mac=mac_bytes(mac) if isinstance(mac, str) else mac, bss_index=bss_index,
-                           bands=bands, caps=caps, rssi=rssi, nss=nss, load=load, sta_num=sta_num,
-                           active=1 if active else 0)
-
-
-def radio_payload(radio_index, channel, load=0, sta_num=0, work_band=BANDS["2G"]):
-    """A `maps_msg_radio_t` record."""
-    return RADIO_RECORD.pack(radio_index=radio_index, channel=channel, load=load, sta_num=sta_num,
-                             work_band=work_band)
-
-
-def netlink_message(code, payload=b"", pid=0, length=None):
-    """A netlink message of the driver channel; `nlmsg_len` is 24 + the payload's exact size."""
-    length = HEADER_SIZE + len(payload) if length is None else length
-    return NLMSG_HEADER.pack(length, 0, 0, 0, pid) + MAGIC + bytes([code]) + payload
-
-
-def maps_buffer(code, payload=b""):
-    """A MAPS command buffer as `steer_maps` carries it."""
-    return MAGIC + bytes([code]) + payload
-
-
-def check_socket_path(path):
-    if len(str(path).encode()) > SUN_PATH_MAX:
-        raise ValueError(f"socket path {path} is longer than {SUN_PATH_MAX} bytes; "
-                         f"use a shorter lab directory")
-
-
-def bind_unix(path, kind):
-    """A non-blocking Unix socket bound at `path` (a stale file is replaced)."""
-    path = Path(path)
-    check_socket_path(path)
-    try:
-        path.unlink()
-    except FileNotFoundError:
-        pass
-    s = socket.socket(socket.AF_UNIX, kind)
-    s.bind(str(path))
-    s.setblocking(False)
-    return s
+# What a driver does before the daemon's MAPS_CMD_SET_CONFIG says otherwise: it stops refusing
+# a station after REJECT_MAX_CNT refusals within REJECT_AGE seconds.
+REJECT_MAX_CNT = 2
+REJECT_AGE = 20
 
 
 class _CallError(Exception):
@@ -237,8 +75,8 @@ class DriverDouble:
         self.nl = None
         self.uwb = None
         self._conns = {}
-        self.world = None         # the radio world, when the lab has one: kicks and requests move its stations
-        self._rejects = {}        # station mac -> [refusals in a row, monotonic time of the last]
+        self.world = None         # the radio world, when the lab has one: its stations answer the daemon
+        self._refusals = {}       # station mac -> monotonic times of its recent refusals
         check_socket_path(self.maps_dir / f"nl-{DAEMON_PORT}")
 
     # -- life ------------------------------------------------------------------
@@ -318,18 +156,17 @@ class DriverDouble:
             except OSError as e:
                 log.warning("%s: pong not sent: %s", self.node.name, e)
 
-    def inject(self, code, payload=b""):
-        """Sends an event to the daemon (nl-3333); returns the bytes sent.
+    def inject(self, code, payload=b"", **note):
+        """Sends an event to the daemon (nl-3333); returns the bytes sent. `note` goes into the
+        event's record (the world says why: "status", "kicked" ...).
 
         Raises OSError when the daemon's socket is missing or full."""
         msg = netlink_message(code, payload)
         rec = {"dir": "out", "code": code, "event": EVENTS.get(code, str(code)), "nlmsg_len": len(msg),
-               "hex": payload.hex()}
-        layout = EVENT_RECORDS.get(code)
-        if layout is not None and len(payload) == layout.size:
-            rec["fields"] = layout.decode(payload)
-        elif code == EV["PONG"]:
-            rec["fields"] = {"version": _cstr(payload)}
+               "hex": payload.hex(), **note}
+        fields = decode_event(code, payload)
+        if fields is not None:
+            rec["fields"] = fields
         # Recorded before it is sent, so that whoever sees it arrive also finds its record.
         record = self.journal.add({"node": self.node.name, "kind": "event", **rec}, final=False)
         try:
@@ -340,11 +177,12 @@ class DriverDouble:
         self.journal.finish(record)
         return msg
 
-    def sta_event(self, event, mac, bss_index, **fields):
+    def sta_event(self, event, mac, bss_index, why=None, **fields):
         """Sends a station event: "join", "leave", "band", "status" (or "STA_JOIN" ..., or a code)."""
         if isinstance(event, str) and event.upper() in ("JOIN", "LEAVE", "BAND", "STATUS"):
             event = "STA_" + event
-        return self.inject(event_code(event), sta_payload(mac, bss_index, **fields))
+        note = {"why": why} if why else {}
+        return self.inject(event_code(event), sta_payload(mac, bss_index, **fields), **note)
 
     def radio_status(self, radio_index, channel, **fields):
         return self.inject(EV["RADIO_STATUS"], radio_payload(radio_index, channel, **fields))
@@ -499,11 +337,13 @@ class DriverDouble:
             return [iface.uplink_bssid or "00:00:00:00:00:00"]
         return [iface.bssid]
 
+    def _tell_world(self, what, *args):
+        """Hands a request to the world's stations after the answer, as a driver acts after the call."""
+        if self.world is not None:
+            self.loop.call_soon(getattr(self.world, what), self.node.name, *args)
+
     def _kick_sta(self, rec, ifname, mac):
-        mac = mac_text(mac_bytes(mac))
-        vap = self._vap(ifname)
-        if self.world is not None:  # after the answer, as a driver deauthenticates after the call
-            self.loop.call_soon(self.world.kicked, self.node.name, vap, mac)
+        self._tell_world("kicked", self._vap(ifname), mac_text(mac_bytes(mac)))
         return []
 
     def _set_bssload(self, rec, ifname, load):
@@ -524,66 +364,87 @@ class DriverDouble:
 
     def _beacon_req(self, rec, ifname, sta, channel, ssid):
         self._vap(ifname)
-        mac_bytes(sta)
-        int(channel)
-        _hex_text(ssid)
+        self._tell_world("beacon_request", mac_text(mac_bytes(sta)), int(channel), _hex_text(ssid))
         return []
 
     def _bss_trans_req(self, rec, ifname, sta, target, channel):
-        vap = self._vap(ifname)
-        sta, target, channel = mac_text(mac_bytes(sta)), mac_text(mac_bytes(target)), int(channel)
-        if self.world is not None:
-            self.loop.call_soon(self.world.btm_request, self.node.name, vap, sta, target, channel)
+        self._vap(ifname)
+        self._tell_world("btm_request", mac_text(mac_bytes(sta)), mac_text(mac_bytes(target)), int(channel))
         return []
 
     # -- association control (loop thread) --------------------------------------
 
     def bss_index(self, vap):
-        """The index the daemon gave this VAP (MAPS_CMD_SET_BSS), or None."""
-        for index, bss in self._state["bss"].items():
-            if bss.get("if") == vap.ifname:
-                return int(index)
-        return None
+        """The driver's index of a VAP: the one the daemon gave it (MAPS_CMD_SET_BSS); before the
+        daemon has given any, its position among the node's VAPs from 1. None for a VAP the
+        daemon left out."""
+        told = self._state["bss"]
+        if not told:
+            return self.node.vaps.index(vap) + 1
+        return next((int(i) for i, bss in told.items() if bss.get("if") == vap.ifname), None)
+
+    def vap_at(self, index):
+        """The VAP of a driver BSS index (see `bss_index`), or None."""
+        return next((v for v in self.node.vaps if self.bss_index(v) == index), None)
 
     def block_of(self, mac):
         """(mode, block_bss) the daemon set for a station, or None."""
         entry = self._state["sta"].get(mac)
         return entry and (entry["mode"], entry["block_bss"])
 
-    def refuses(self, vap, mac, rssi):
-        """Whether an association attempt of `mac` on `vap` at `rssi` is refused, as the driver
-        decides it: the station's block mode, else its radio's refusal mode. Like a real driver it
-        gives up after `reject_max_cnt` refusals of one station within `reject_age` seconds (2 and
-        20 until the daemon's MAPS_CMD_SET_CONFIG says otherwise). A refusal sends MAPS_EV_REJECT."""
-        index = self.bss_index(vap)
+    def blocked_vaps(self, mac):
+        """The VAPs (configuration-store names) on which the station's MAPS_BLOCK_BSS refuses it."""
+        mode, bits = self.block_of(mac) or ("MAPS_BLOCK_DEFAULT", 0)
+        if mode != "MAPS_BLOCK_BSS":
+            return []
+        return [v.mib for v in self.node.vaps if self.bss_index(v) is not None and bits >> self.bss_index(v) & 1]
+
+    def _refuses(self, vap, mac, rssi):
         mode, bits = self.block_of(mac) or ("MAPS_BLOCK_DEFAULT", 0)
         if mode == "MAPS_BLOCK_DISBALE":
             return False
         if mode == "MAPS_BLOCK_BSS":
-            refused = bool(bits >> index & 1)
-        else:
-            conf = next((self._state["radio_conf"].get(i) for i, ifs in self._state["radios"].items()
-                         if vap.ifname in ifs), None)
-            band_mode = conf and conf["mode"]
-            refused = band_mode == "MAPS_BAND_BLOCK" or (
-                band_mode == "MAPS_BAND_BLOCK_RSSI" and conf["reject_rssi_lower"] <= rssi <= conf["reject_rssi_upper"])
-        if not refused:
+            return vap.mib in self.blocked_vaps(mac)
+        conf = next((self._state["radio_conf"].get(i) for i, ifs in self._state["radios"].items()
+                     if vap.ifname in ifs), None)
+        if conf is None or conf["mode"] == "MAPS_BAND_ACCEPT":
             return False
+        if conf["mode"] == "MAPS_BAND_BLOCK":
+            return True
+        lower, upper = conf["reject_rssi_lower"], conf["reject_rssi_upper"]
+        return conf["mode"] == "MAPS_BAND_BLOCK_RSSI" and lower <= rssi and (upper == 0 or rssi <= upper)
+
+    def refusal(self, vap, mac, rssi):
+        """Whether the driver refuses an association of `mac` to `vap` at `rssi`, as
+        (refused, count): count is this node's refusals of the station within `reject_age`
+        seconds, this one included.
+
+        The station's block decides (MAPS_BLOCK_BSS: the BSSes of its bit set;
+        MAPS_BLOCK_DISBALE: none); in MAPS_BLOCK_DEFAULT its radio's mode does
+        (MAPS_BAND_BLOCK: every new station; MAPS_BAND_BLOCK_RSSI: an RSSI from
+        reject_rssi_lower to reject_rssi_upper, an upper end of 0 meaning none). Like a real
+        driver the node lets a station in once it has refused it `reject_max_cnt` times within
+        `reject_age` seconds (REJECT_MAX_CNT and REJECT_AGE until MAPS_CMD_SET_CONFIG says
+        otherwise). Each refusal is a MAPS_EV_REJECT to the daemon."""
+        if not self._refuses(vap, mac, rssi):
+            return False, 0
         config = self._state["config"] or {}
-        most, age = config.get("reject_max_cnt", 2), config.get("reject_age", 20)
+        most = config.get("reject_max_cnt", REJECT_MAX_CNT)
+        age = config.get("reject_age", REJECT_AGE)
         now = time.monotonic()
-        count, last = self._rejects.get(mac, (0, now))
-        if now - last > age:
-            count = 0
-        if count >= most:
-            return False
-        count += 1
-        self._rejects[mac] = (count, now)
+        recent = [t for t in self._refusals.get(mac, []) if now - t < age]
+        if len(recent) >= most:
+            self._refusals[mac] = recent
+            return False, len(recent)
+        recent.append(now)
+        self._refusals[mac] = recent
+        payload = REJECT_RECORD.pack(mac=mac_bytes(mac), bss_index=self.bss_index(vap), count=len(recent),
+                                     rssi=max(-128, min(127, rssi)))
         try:
-            self.inject(EV["REJECT"], mac_bytes(mac) + bytes([index, count, rssi & 0xff]))
+            self.inject(EV["REJECT"], payload)
         except OSError:
             pass  # the refusal stands whether or not a daemon hears of it
-        return True
+        return True, len(recent)
 
     def _steer_maps(self, rec, ifname, buffer):
         iface = self._iface(ifname)
@@ -622,11 +483,16 @@ class DriverDouble:
     def _apply(self, code, f, iface):
         s = self._state
         if code == CMD["CLEAN"]:
+            blocked = list(s["sta"])
             s.update(self._clean_state())
+            self._refusals.clear()
+            for mac in blocked:
+                self._tell_world("block_changed", mac, "clean", [])
         elif code == CMD["SET_BSS"]:
             s["bss"][f["index"]] = {"ess_radios": f["ess_radios"], "if": iface.ifname}
         elif code == CMD["SET_STA"]:
             s["sta"][f["mac"]] = {"mode": f["mode"], "block_bss": f["block_bss"]}
+            self._tell_world("block_changed", f["mac"], f["mode"], self.blocked_vaps(f["mac"]))
         elif code == CMD["SET_CONFIG"]:
             s["config"] = f
         elif code == CMD["ADD_RADIO"]:
@@ -635,6 +501,10 @@ class DriverDouble:
             s["radio_conf"][f["index"]] = f
         elif code == CMD["DBG"]:
             s["debug"] = f["level"]
+        elif code == CMD["BSS_TRANS"]:
+            self._tell_world("btm_request", f["sta"], f["bss"], f["channel"])
+        elif code == CMD["BEACON_REQ"]:
+            self._tell_world("beacon_request", f["sta"], f["channel"], f["ssid"])
 
 
 def _hex_text(h):

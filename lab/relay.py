@@ -21,7 +21,7 @@ import math
 import socket
 from pathlib import Path
 
-from lab.driver import bind_unix, check_socket_path, mac_bytes, mac_text
+from lab.wire import bind_unix, check_socket_path, mac_bytes, mac_text
 from lab.topology import BROADCAST, LAB_ADDRESS
 
 log = logging.getLogger("lab.relay")
@@ -315,24 +315,20 @@ class Relay:
             self.journal.add(rec, final=False)
             self.loop.call_later(delay, self._deliver, rec, data, reachable)
             return rec
-        self._deliver(rec, data, reachable, add=True)
+        self.journal.add(rec, final=False)
+        self._deliver(rec, data, reachable)
         return rec
 
-    def _deliver(self, rec, data, targets, add=False):
-        delivered, undelivered = [], {}
+    def _deliver(self, rec, data, targets):
+        """Delivers to each node in turn; the record says so before the next, so that whoever
+        sees a node act on the message finds it delivered there."""
         for node in targets:
             why = self._deliver_one(node, data)
             if why is None:
-                delivered.append(node.name)
+                self.journal.update(rec, delivered=rec["delivered"] + [node.name])
             else:
-                undelivered[node.name] = why
-        if add:
-            rec["delivered"] = delivered
-            rec["undelivered"].update(undelivered)
-            self.journal.add(rec)
-        else:
-            self.journal.finish(rec, delivered=delivered,
-                                undelivered={**rec["undelivered"], **undelivered})
+                self.journal.update(rec, undelivered={**rec["undelivered"], node.name: why})
+        self.journal.finish(rec)
 
     def _deliver_one(self, node, data):
         path = self.node_dir(node) / "steer_socket"

@@ -14,9 +14,9 @@ def _body_words(rec):
 
 
 def step_words(rec):
-    """A step record in words: "phone joins A wlan1 (bss 2), rssi -52"."""
+    """A step record in words: "phone joins A wlan1, rssi -52"."""
     do, st, node = rec.get("do"), rec.get("station"), rec.get("node")
-    where = f"{node} {rec.get('bss')}" + (f" (bss {rec['bss_index']})" if "bss_index" in rec else "")
+    where = f"{node} {rec.get('bss')}" if node else "the strongest BSS that lets it in"
     link = "".join(f", {k} {rec[k]}" for k in ("rssi", "rate") if k in rec)
     if do == "join":
         text = f"{st} joins {where}{link}"
@@ -26,7 +26,7 @@ def step_words(rec):
     elif do == "leave":
         text = f"{st} leaves"
     elif do == "rssi":
-        text = f"{st}'s signal changes{link}"
+        text = f"{st}'s signal changes{' on ' + where if node else ''}{link}"
     elif do == "status":
         text = f"{st} reports its status" + "".join(f", {k} {rec[k]}" for k in ("active", "load") if k in rec)
     elif do == "band":
@@ -66,9 +66,16 @@ def describe(rec, verbose=False):
         if rec.get("why") == "status" and not verbose and not rec.get("error"):
             return None
         err = f"  ({rec['error']})" if rec.get("error") else ""
-        why = "" if rec.get("why") == "step" else f"  [{rec.get('why')}]"
-        return (f"{head}event  {rec['node']} {rec['event']} {rec['station']} bss {rec['bss']} ({rec.get('vap')}) "
-                f"rssi {rec['rssi']} sta_num {rec['sta_num']}{why}{err}")
+        why = "" if rec.get("why") in ("step", None) else f"  [{rec.get('why')}]"
+        who = f" {rec['station']}" if "station" in rec else ""
+        bss = f" bss {rec['bss']} ({rec.get('vap')})" if "bss" in rec else ""
+        rest = "".join(f" {k} {rec[k]}" for k in ("rssi", "sta_num", "count", "status", "radio_index", "channel",
+                                                   "load") if k in rec)
+        return f"{head}event  {rec['node']} {rec['event']}{who}{bss}{rest}{why}{err}"
+    if kind == "world":
+        if rec["what"] in ("join", "leave", "add", "set", "rssi") and not verbose:
+            return None     # the driver's events and the steps tell these
+        return f"{head}world  {world_words(rec)}"
     if kind == "mesh":
         where = f" -> {rec.get('to')}" if rec.get("to") else ""
         fate = ""
@@ -110,6 +117,45 @@ def _series(history, fmt):
     return ", ".join(f"{at:g} s {fmt(v)}" for at, v in history) or "nothing seen"
 
 
+def world_words(rec):
+    """A record of the radio world in words: "phone refused by B wlan1 (rssi -50, 1st time)"."""
+    who, what, node = rec.get("station", rec["mac"]), rec["what"], rec.get("node")
+    bss = f"{node} {rec['vap']}" if rec.get("vap") else str(node)
+    words = {
+        "join": lambda: f"{who} joins {bss}" + (f" after {rec['out_for']} s out" if "out_for" in rec else ""),
+        "leave": lambda: f"{who} leaves {bss} ({rec.get('why')})" if node else f"{who} stops trying to associate",
+        "kicked": lambda: f"{who} is kicked off {bss}",
+        "btm_request": lambda: f"{who} is asked by {node} to go to {rec.get('target')} (channel {rec.get('channel')})",
+        "btm_response": lambda: f"{who} answers {node}: status {rec.get('status')}",
+        "btm_ignored": lambda: f"{who} does not answer {node}'s request ({rec.get('because')})",
+        "beacon_request": lambda: f"{who} is asked by {node} to measure channel {rec.get('channel')}",
+        "beacon_report": lambda: f"{who} reports {len(rec.get('reports', []))} BSSes to {node}",
+        "beacon_ignored": lambda: f"{who} does not measure for {node} ({rec.get('because')})",
+        "refused": lambda: f"{who} refused by {bss} (rssi {rec.get('rssi')}, refusal {rec.get('count')})",
+        "locked_out": lambda: f"{who} is refused everywhere; tries again in {rec.get('retry_after')} s",
+        "block": lambda: f"{who} blocked by {node} on {'+'.join(rec.get('vaps', []))}",
+        "unblock": lambda: f"{who} no longer blocked by {node} ({rec.get('mode')})",
+    }
+    return words[what]() if what in words else f"{who} {what} " + json.dumps(
+        {k: v for k, v in rec.items() if k not in ("kind", "what", "mac", "station", "at", "t", "mono")})
+
+
+def check_lines(report):
+    """The world's lock-out check in words."""
+    blocked = report["blocked_everywhere"]
+    worst = max(blocked.values(), default=0)
+    out = [f"longest block of a station on every BSS of its ESS: {worst:g} s (limit {report['limit']} s)"]
+    out += [f"  {mac}: {t:g} s" for mac, t in sorted(blocked.items()) if t]
+    out.append("longest lock-out of each station: " + (", ".join(
+        f"{mac} {max(spans):g} s" for mac, spans in sorted(report["lockouts"].items())) or "none"))
+    out += [f"PROBLEM: {p}" for p in report["problems"]]
+    return out
+
+
+def _series(history, fmt):
+    return ", ".join(f"{at:g} s {fmt(v)}" for at, v in history) or "nothing seen"
+
+
 def summary_lines(s):
     """The summary in a few lines."""
     out = [f"scenario {s['scenario']}: {s['at']:.1f} s, {s['steps']} steps"
@@ -120,7 +166,7 @@ def summary_lines(s):
         f"{node} " + " ".join(f"{vap} [{', '.join(names) or '-'}]" for vap, names in vaps.items())
         for node, vaps in s["stations"].items()))
     counts = lambda c: "/".join(str(v) for v in c.values())   # noqa: E731
-    out.append("stations per BSS over time (the scenario's stations):")
+    out.append("stations per BSS over time (the radio world's, as their drivers have them):")
     for node, h in s["world_counts"].items():
         out.append(f"  {node}: {_series(h, counts)}")
     out.append("stations per BSS as the heartbeats carried them:")
@@ -132,7 +178,6 @@ def summary_lines(s):
     out.append("mesh messages: " + (", ".join(f"{k} {v}" for k, v in sorted(s["messages"].items())) or "none"))
     out.append("driver commands and calls: "
                + (", ".join(f"{k} {v}" for k, v in sorted(s["driver_actions"].items())) or "none"))
-    longest = max(s.get("blocked_everywhere", {}).values(), default=0)
-    out.append(f"longest block of a station on every BSS of its ESS: {longest:g} s")
+    out += [line for line in check_lines(s["check"]) if not line.startswith("PROBLEM")]
     out.append("daemons: " + ", ".join(f"{k} {v}" for k, v in s["daemons"].items()))
     return out

@@ -20,9 +20,10 @@ from dataclasses import dataclass, field
 from pathlib import Path
 
 from lab import topology as topo_mod
-from lab.driver import BANDS, CAPS, mac_bytes, mac_text
 from lab.relay import check_seconds, check_types
 from lab.sandbox import parse_signal
+from lab.wire import BANDS, CAPS, mac_bytes, mac_text
+from lab.world import BEACON_BEHAVIOURS, BTM_BEHAVIOURS, DELAYS
 
 TIMELINE = "timeline.jsonl"
 TOPOLOGIES = Path(__file__).resolve().parent / "topologies"
@@ -35,10 +36,10 @@ RELAY_ACTIONS = ("drop", "delay", "partition", "heal", "clear")
 
 # Per step kind: required keys and optional keys (besides "at", "do" and "note").
 STEPS = {
-    "join": (["station", "node", "bss"], ["rssi", "rate"]),
+    "join": (["station"], ["node", "bss", "rssi", "rate"]),
     "roam": (["station", "node", "bss"], ["rssi", "rate", "leave_first", "old_leaves_after"]),
     "leave": (["station"], []),
-    "rssi": (["station", "rssi"], ["rate"]),
+    "rssi": (["station", "rssi"], ["node", "bss", "rate"]),
     "status": (["station"], ["active", "load"]),
     "band": (["station", "bands"], []),
     "radio": (["node", "radio"], ["channel", "load", "sta_num"]),
@@ -47,7 +48,8 @@ STEPS = {
     "relay": (["action"], ["types", "seconds", "groups"]),
     "send": (["to", "type"], ["from", "body"]),
 }
-STATION_KEYS = (["mac"], ["bands", "caps", "nss", "rssi", "rate", "load", "active"])
+STATION_KEYS = (["mac"], ["ssid", "bands", "caps", "nss", "rssi", "rssi_at", "rate", "load", "active", "btm",
+                          "beacon", *DELAYS])
 TOP_KEYS = (["steps"], ["name", "description", "topology", "stations", "status_interval", "duration",
                         "wait_for_mesh"])
 
@@ -60,15 +62,11 @@ class ScenarioError(topo_mod.ProblemsError):
 
 @dataclass
 class StationPlan:
+    """A station of the scenario: its MAC and the settings the radio world gives it
+    (lab/world.py's Station fields)."""
     name: str
     mac: str
-    bands: int = BANDS["2G"] | BANDS["5L"] | BANDS["5H"]
-    caps: int = CAPS["HT"] | CAPS["VHT"] | CAPS["RRM"] | CAPS["BTM"]
-    nss: int = 2
-    rssi: int = -60
-    rate: int = 300         # the link rate sta_info answers, Mbit/s
-    load: int = 0
-    active: bool = True
+    settings: dict = field(default_factory=dict)
 
 
 @dataclass
@@ -168,7 +166,7 @@ class _Checker(topo_mod.Checker):
             stations = {}
         macs = {}
         for name, s in stations.items():
-            plan = self.station(name, s)
+            plan = self.station(name, s, topo, sc.status_interval)
             if plan is None:
                 continue
             if plan.mac in macs:
@@ -192,7 +190,7 @@ class _Checker(topo_mod.Checker):
             self.err("", f"'duration' {sc.duration:g} ends before the last step at {last:g}")
         return sc
 
-    def station(self, name, raw):
+    def station(self, name, raw, topo, status_interval):
         where = f"station '{name}'"
         if not name or any(ch.isspace() for ch in name):
             self.err(where, "a station's name is one word")
@@ -205,22 +203,49 @@ class _Checker(topo_mod.Checker):
             return None
         if int(mac[:2], 16) & 1:
             self.err(where, f"'mac' {mac} is not a unicast address")
-        plan = StationPlan(name=name, mac=mac)
+        plan = StationPlan(name=name, mac=mac, settings={"active": True, "status_interval": status_interval})
         for key, names in (("bands", BANDS), ("caps", CAPS)):
             if key in raw:
                 try:
-                    setattr(plan, key, _bits(raw[key], names, key))
+                    plan.settings[key] = _bits(raw[key], names, key)
                 except ValueError as e:
                     self.err(where, str(e))
         for key, lo, hi in (("nss", 1, 8), ("rssi", -127, 0), ("rate", 1, 100000), ("load", 0, 100)):
             if key in raw and self.is_integer(raw, key, where, lo, hi):
-                setattr(plan, key, raw[key])
-        if "active" in raw:
-            if isinstance(raw["active"], bool):
-                plan.active = raw["active"]
-            else:
-                self.err(where, "'active' must be true or false")
+                plan.settings[key] = raw[key]
+        for key, choices in (("btm", BTM_BEHAVIOURS), ("beacon", BEACON_BEHAVIOURS)):
+            if key in raw and raw[key] not in choices:
+                self.err(where, f"'{key}' must be one of {', '.join(choices)}, not {raw[key]!r}")
+            elif key in raw:
+                plan.settings[key] = raw[key]
+        for key in DELAYS:
+            if key in raw and (not _number(raw[key]) or raw[key] < 0):
+                self.err(where, f"'{key}' must be a number of seconds from 0")
+            elif key in raw:
+                plan.settings[key] = raw[key]
+        for key, check in (("ssid", lambda v: isinstance(v, str)), ("active", lambda v: isinstance(v, bool))):
+            if key in raw and not check(raw[key]):
+                self.err(where, f"'{key}' must be " + ("a text" if key == "ssid" else "true or false"))
+            elif key in raw:
+                plan.settings[key] = raw[key]
+        if "rssi_at" in raw:
+            plan.settings["rssi_at"] = self.rssi_at(raw["rssi_at"], topo, where)
         return plan
+
+    def rssi_at(self, raw, topo, where):
+        """{"A": {"wlan1": -48}, "B": -70}: dBm towards one BSS, or every BSS of a node."""
+        if not isinstance(raw, dict):
+            self.err(where, "'rssi_at' must be an object: {NODE: dBm} or {NODE: {VAP: dBm}}")
+            return {}
+        for node_name, v in raw.items():
+            node = self.node(node_name, topo, where, "rssi_at")
+            values = v.items() if isinstance(v, dict) else [(None, v)]
+            for vap, rssi in values:
+                if node is not None and vap is not None and node.vap(vap) is None:
+                    self.err(where, f"node {node.name} has no VAP {vap!r} (VAPs: {', '.join(x.mib for x in node.vaps)})")
+                if isinstance(rssi, bool) or not isinstance(rssi, int) or not -127 <= rssi <= 0:
+                    self.err(where, f"'rssi_at' of {node_name}{' ' + vap if vap else ''} must be dBm from -127 to 0")
+        return raw
 
     def step(self, i, raw, sc, topo, stations):
         where = f"step #{i + 1}"
@@ -247,6 +272,8 @@ class _Checker(topo_mod.Checker):
             self.node(raw["from"], topo, where, "from")
         if "to" in raw and raw["to"] != "broadcast":
             self.node(raw["to"], topo, where, "to")
+        if kind in ("join", "rssi") and ("node" in raw) != ("bss" in raw):
+            self.err(where, "give a 'node' and a 'bss', or neither")
         if "bss" in raw:
             b = raw["bss"]
             if isinstance(b, int) and not isinstance(b, bool):
@@ -372,9 +399,6 @@ def check_against(scenario, topology):
 
 def _raw_of(sc):
     """A checked scenario written back as the object it came from (for a second check)."""
-    stations = {}
-    for name, s in sc.stations.items():
-        stations[name] = {"mac": s.mac, "bands": s.bands, "caps": s.caps, "nss": s.nss, "rssi": s.rssi,
-                          "rate": s.rate, "load": s.load, "active": s.active}
+    stations = {name: {"mac": s.mac, **s.settings} for name, s in sc.stations.items()}
     return {"name": sc.name, "description": sc.description, "stations": stations, "steps": sc.steps,
             "status_interval": sc.status_interval, "duration": sc.duration, "wait_for_mesh": sc.wait_for_mesh}

@@ -27,6 +27,68 @@ def event_message(code, payload):
     return NLMSG.pack(24 + len(payload), 0, 0, 0, 0) + b"steerin" + bytes([code]) + payload
 
 
+EVENT_NAMES = {2: "join", 3: "leave", 4: "band", 5: "status", 6: "beacon_rep", 7: "bss_trans", 8: "reject",
+               9: "radio"}
+STA_EVENT = struct.Struct("=6sBxIIbBBBB3x")      # maps_msg_sta_t
+REJECT = struct.Struct("=6sBBb")                 # maps_msg_reject_t
+BSS_TRANS = struct.Struct("=6sBB")               # maps_msg_bss_trans_rsp_t
+BEACON_HEAD, BEACON_ENTRY = struct.Struct("=6sBB"), struct.Struct("=BBbb6s")   # maps_msg_beacon_rep_t
+
+
+def decode_event(data):
+    """(name, fields) of an event from the driver, checking its framing and its payload's exact size."""
+    length, _, _, _, pid = NLMSG.unpack_from(data)
+    assert (length, pid, data[16:23]) == (len(data), 0, b"steerin"), data
+    code, payload = data[23], data[24:]
+    name = EVENT_NAMES.get(code, code)
+    if code in (2, 3, 4, 5):
+        assert len(payload) == 24
+        mac, bss, bands, caps, rssi, nss, load, sta_num, active = STA_EVENT.unpack(payload)
+        return name, {"mac": mac.hex(":"), "bss": bss, "rssi": rssi, "sta_num": sta_num, "caps": caps}
+    if code == 8:
+        mac, bss, count, rssi = REJECT.unpack(payload)
+        return name, {"mac": mac.hex(":"), "bss": bss, "count": count, "rssi": rssi}
+    if code == 7:
+        mac, bss, status = BSS_TRANS.unpack(payload)
+        return name, {"mac": mac.hex(":"), "bss": bss, "status": status}
+    if code == 6:
+        assert len(payload) == 328
+        sta, bss, count = BEACON_HEAD.unpack_from(payload)
+        entries = [BEACON_ENTRY.unpack_from(payload, 8 + 10 * i) for i in range(count)]
+        return name, {"mac": sta.hex(":"), "bss": bss,
+                      "reports": [(bssid.hex(":"), ch, rcpi, op) for op, ch, rcpi, _, bssid in entries]}
+    return name, {"hex": payload.hex()}
+
+
+class EventSink:
+    """A daemon's netlink end that collects every event the driver sends, as it comes."""
+
+    def __init__(self, node_dir):
+        self.end = NetlinkEnd(node_dir)
+        self.events = []
+        self.thread = threading.Thread(target=self._collect, daemon=True)
+        self.thread.start()
+
+    def _collect(self):
+        while True:
+            try:
+                data = self.end.sock.recv(65536)
+            except socket.timeout:
+                continue
+            except OSError:
+                return
+            self.events.append(decode_event(data))
+
+    def of(self, mac, *names):
+        """The events about one station (of the given kinds): [(name, fields)]."""
+        return [(n, f) for n, f in list(self.events) if f.get("mac") == mac and (not names or n in names)]
+
+    def close(self):
+        self.end.sock.shutdown(socket.SHUT_RDWR)
+        self.end.close()
+        self.thread.join(2)
+
+
 class NetlinkEnd:
     """The daemon's end of the driver channel: a datagram socket bound at run/maps/nl-3333."""
 

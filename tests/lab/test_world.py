@@ -1,30 +1,286 @@
-"""The lab's check that no station stays blocked on every BSS of its ESS."""
+"""The radio world against the driver doubles' real sockets, without daemons: the test sends what
+a daemon sends (MAPS commands and Wi-Fi calls over each node's uwb socket) and reads what the
+drivers send back on each node's netlink end, and the stations' timelines."""
 
-from pathlib import Path
+import struct
+import tempfile
+import shutil
 
-from lab import topology as topo_mod
-from lab.world import blocked_everywhere
+import pytest
 
-TOPOLOGY = topo_mod.load(Path(__file__).resolve().parents[2] / "lab" / "topologies" / "three-node.json")
-INDICES = {n: {"wl2g0": 1, "wl5g0": 2} for n in ("A", "B", "C")}
+from lab.controller import Lab
+from lab.sandbox import REPO
+from lab.world import check_timeline
+from lab import topology
+from standins import EventSink, mac_bytes, uwb
+
+THREE = REPO / "lab" / "topologies" / "three-node.json"
+A_24, A_5, B_24, B_5, C_24, C_5 = (f"02:00:00:00:0{n}:0{b}" for n in "abc" for b in "12")
+HT, RRM, BTM = 1, 4, 8
+FULL = HT | 2 | RRM | BTM
+BLOCK_DEFAULT, BLOCK_BSS, BLOCK_DISABLE = 0, 1, 2
+BAND_ACCEPT, BAND_BLOCK, BAND_BLOCK_RSSI = 0, 1, 2
+FAST = {"answer_delay": 0.05, "move_delay": 0.1, "return_after": 0.3, "retry_after": 0.2, "status_interval": 0}
 
 
-def set_sta(node, mono, mac, mode, bits=0):
-    return {"kind": "maps", "cmd": "MAPS_CMD_SET_STA", "node": node, "mono": mono,
-            "fields": {"mac": mac, "mode": mode, "block_bss": bits}}
+def steer_maps(lab, node, ifname, code, payload=b""):
+    buf = b"steerin" + bytes([code]) + payload
+    assert uwb(lab.node_dir(node), f"steer_maps {ifname} {buf.hex()}") == f"0 {buf.hex()}"
 
 
-def test_only_blocks_on_every_bss_of_every_node_count():
+def daemon_start(lab, node):
+    """What a daemon tells its driver as it starts: forget all, BSS 1 (2.4 GHz) and 2 (5 GHz), their radios."""
+    steer_maps(lab, node, "wlan0", 9)
+    for ifname, index in (("wlan0", 1), ("wlan1", 2)):
+        steer_maps(lab, node, ifname, 1, struct.pack("=B3xI", index, 0b110))
+        steer_maps(lab, node, ifname, 4, bytes([index]))
+
+
+def set_sta(lab, node, mac, mode, bits=0):
+    steer_maps(lab, node, "wlan0", 2, mac_bytes(mac) + bytes(2) + struct.pack("=II", mode, bits))
+
+
+def set_radio(lab, node, index, mode, upper=0, lower=0):
+    steer_maps(lab, node, "wlan0", 5, struct.pack("=B3xIbbbb", index, mode, upper, lower, 0, -100))
+
+
+def set_config(lab, node, reject_max_cnt):
+    conf = struct.pack("=BBBxIBBBxIBB2xIBB2x", 1, 1, 1, 60, 20, reject_max_cnt, 15, 12000, 1, 0, 3, 6, 0)
+    steer_maps(lab, node, "wlan0", 3, conf)
+
+
+@pytest.fixture(scope="module")
+def air():
+    """A three-node lab without namespaces: drivers, world, and a stand-in daemon's netlink end per node."""
+    lab_dir = tempfile.mkdtemp(prefix="bh-", dir="/tmp")
+    lab = Lab()
+    sinks = {}
+    try:
+        lab.up(THREE, lab_dir, namespaces=False)
+        sinks = {n: EventSink(lab.node_dir(n)) for n in "ABC"}
+        for n in "ABC":
+            daemon_start(lab, n)
+        yield lab, sinks
+    finally:
+        for s in sinks.values():
+            s.close()
+        lab.down()
+        shutil.rmtree(lab_dir, ignore_errors=True)
+
+
+@pytest.fixture(autouse=True)
+def gone_afterwards(air):
+    """Each test's stations leave at its end: the next test's counts start at zero."""
+    yield
+    for st in air[0].world.show():
+        if st["where"] or st["out_for"] is not None:
+            air[0].world.leave(st["mac"])
+
+
+def station(lab, n, where=("A", "wlan0"), **settings):
+    mac = f"02:aa:00:00:07:{n:02x}"
+    lab.world.add(mac, **{**FAST, **settings})
+    if where:
+        assert lab.world.associate(mac, *where) == where
+    return mac
+
+
+def steps(lab, mac):
+    """What happened to a station since it was defined: (what, node, vap or status) per record."""
+    return [(r["what"], r.get("node"), r.get("vap", r.get("status"))) for r in lab.world.timeline(mac)
+            if r["what"] not in ("add", "block", "unblock")]
+
+
+def events(lab, sink, mac, n, *names):
+    """The first `n` events about a station at a node (waiting for them)."""
+    lab.wait_for(lambda: len(sink.of(mac, *names)) >= n, 5.0)
+    return [(name, {k: v for k, v in f.items() if k not in ("mac", "caps")}) for name, f in sink.of(mac, *names)]
+
+
+def settled(lab, mac):
+    lab.wait_for(lambda: not lab.world.pending(mac), 10.0)
+
+
+JOIN_A = ("join", "A", "wlan0")
+BTM_CASES = [
+    # btm, caps, what the station does after the request (from A's 2.4 GHz BSS to B's 5 GHz BSS),
+    # and the response A's driver passes on
+    ("obey", FULL, [("btm_response", "A", 0), ("leave", "A", "wlan0"), ("join", "B", "wlan1")], 0),
+    ("reject", FULL, [("btm_response", "A", 1)], 1),
+    ("ignore", FULL, [("btm_ignored", "A", None)], None),
+    ("obey", HT | RRM, [("btm_ignored", "A", None)], None),
+    ("sticky", FULL, [("btm_response", "A", 0), ("leave", "A", "wlan0"), ("join", "B", "wlan1"),
+                      ("leave", "B", "wlan1"), ("join", "A", "wlan0")], 0),
+]
+
+
+@pytest.mark.parametrize("n, btm, caps, then, status", [(i, *c) for i, c in enumerate(BTM_CASES, 1)],
+                         ids=["obey", "reject", "ignore", "no-btm", "sticky"])
+def test_a_station_answers_a_bss_transition_request_as_its_behaviour_says(air, n, btm, caps, then, status):
+    lab, sinks = air
+    mac = station(lab, n, btm=btm, caps=caps)
+    assert uwb(lab.node_dir("A"), f"bss_trans_req wlan0 {mac} {B_5} 44") == "0"
+    settled(lab, mac)
+    assert steps(lab, mac) == [JOIN_A, ("btm_request", "A", None)] + then
+    if status is None:
+        assert sinks["A"].of(mac, "bss_trans") == []
+    else:
+        assert events(lab, sinks["A"], mac, 1, "bss_trans") == [("bss_trans", {"bss": 1, "status": status})]
+    # Each node's driver reported the station where it went, with the RSSI it hears it at there.
+    for node in "AB":
+        wanted = [("join" if w == "join" else "leave", {"bss": 1 if v == "wlan0" else 2, "rssi": -60, "sta_num": 1
+                                                       if w == "join" else 0})
+                  for w, at, v in [JOIN_A] + then if w in ("join", "leave") and at == node]
+        assert events(lab, sinks[node], mac, len(wanted), "join", "leave") == wanted, node
+
+
+def test_a_kicked_station_goes_to_the_strongest_bss_that_lets_it_in_until_the_driver_gives_up(air):
+    lab, sinks = air
+    for n, max_cnt in ((10, None), (11, 3)):
+        daemon_start(lab, "C")
+        if max_cnt:
+            set_config(lab, "C", max_cnt)
+        # C's 5 GHz BSS is the strongest, but C blocks the station on both its BSSes; B's is next.
+        mac = station(lab, n, rssi=-70, rssi_at={"C": {"wlan1": -40}, "B": {"wlan1": -50}, "A": {"wlan0": -60}})
+        set_sta(lab, "C", mac, BLOCK_BSS, 0b110)
+        node, vap = "A", "wlan0"
+        while (node, vap) != ("C", "wlan1"):
+            assert uwb(lab.node_dir(node), f"kick_sta {vap} {mac}") == "0"
+            settled(lab, mac)
+            node, vap = lab.world.where(mac)
+        refusals = [f["count"] for _, f in events(lab, sinks["C"], mac, max_cnt or 2, "reject")]
+        assert refusals == list(range(1, (max_cnt or 2) + 1))
+        assert events(lab, sinks["C"], mac, 1, "reject")[0] == ("reject", {"bss": 2, "count": 1, "rssi": -40})
+        moves = [s for s in steps(lab, mac) if s[0] in ("join", "refused")]
+        assert moves == [JOIN_A] + [("refused", "C", "wlan1"), ("join", "B", "wlan1")] * len(refusals) \
+            + [("join", "C", "wlan1")]
+        assert lab.world.timeline(mac)[-1]["given_up_after"] == len(refusals)
+
+
+RADIO_CASES = [
+    # radio mode of B's 5 GHz radio (mode, upper, lower), the station's block mode and bits, its RSSI
+    # there, and whether B lets it in
+    ((BAND_BLOCK, 0, 0), None, -60, False),
+    ((BAND_BLOCK, 0, 0), (BLOCK_DISABLE, 0), -60, True),
+    ((BAND_BLOCK, 0, 0), (BLOCK_BSS, 0b010), -60, True),       # blocked on the 2.4 GHz BSS only
+    ((BAND_ACCEPT, 0, 0), (BLOCK_BSS, 0b100), -60, False),
+    ((BAND_BLOCK_RSSI, 0, -65), None, -60, False),            # no upper end: the strong are refused
+    ((BAND_BLOCK_RSSI, 0, -65), None, -70, True),
+    ((BAND_BLOCK_RSSI, -70, -100), None, -80, False),
+    ((BAND_BLOCK_RSSI, -70, -100), None, -60, True),
+    ((BAND_BLOCK_RSSI, -70, -100), (BLOCK_DISABLE, 0), -80, True),
+]
+
+
+@pytest.mark.parametrize("n, radio, block, rssi, admitted", [(20 + i, *c) for i, c in enumerate(RADIO_CASES)])
+def test_a_driver_refuses_by_the_station_block_else_by_its_radio_mode(air, n, radio, block, rssi, admitted):
+    lab, sinks = air
+    mac = station(lab, n, where=None, rssi=rssi)
+    set_radio(lab, "B", 2, *radio)
+    if block:
+        set_sta(lab, "B", mac, *block)
+    try:
+        assert (lab.world.associate(mac, "B", "wlan1") is not None) == admitted
+        # What B's driver sent first: the join, or the refusal (MAPS_EV_REJECT) of the first attempt.
+        first = events(lab, sinks["B"], mac, 1, "reject", "join")[0]
+        assert first == (("join", {"bss": 2, "rssi": rssi, "sta_num": 1}) if admitted
+                         else ("reject", {"bss": 2, "count": 1, "rssi": rssi}))
+    finally:
+        lab.world.leave(mac)
+        set_radio(lab, "B", 2, BAND_ACCEPT)
+
+
+def test_a_station_blocked_everywhere_is_locked_out_and_measured(air):
+    lab, sinks = air
+    mac = station(lab, 30, where=("B", "wlan0"))
+    for node in "ABC":
+        set_config(lab, node, 50)       # the drivers refuse it for as long as the test wants
+        set_sta(lab, node, mac, BLOCK_BSS, 0b110)
+    assert uwb(lab.node_dir("B"), f"kick_sta wlan0 {mac}") == "0"
+    lab.wait_for(lambda: [s[0] for s in steps(lab, mac)].count("locked_out") >= 3)
+    assert {(s[1], s[2]) for s in steps(lab, mac) if s[0] == "refused"} == {
+        (n, v) for n in "ABC" for v in ("wlan0", "wlan1")}
+    out = check_timeline(lab.world.timeline(), lab.topology, limit=0.3)
+    assert out["problems"] == [f"{mac} was blocked on every BSS of its ESS for "
+                               f"{out['blocked_everywhere'][mac]:.1f} s (limit 0.3 s)"]
+    assert out["blocked_everywhere"][mac] >= 0.4 and out["lockouts"][mac][-1] >= 0.4   # two retries at least
+    set_sta(lab, "A", mac, BLOCK_DEFAULT)
+    lab.wait_for(lambda: lab.world.where(mac) is not None)
+    blocked, out_for = lab.check()["blocked_everywhere"][mac], lab.world.lockouts(mac)
+    assert lab.world.where(mac) in (("A", "wlan0"), ("A", "wlan1"))
+    assert out_for == [lab.world.timeline(mac)[-1]["out_for"]] and min(out_for[0], blocked) >= 0.4
+    # Within the configured limit (the Backoff time-out, 25 s by default, plus 2 s) nothing is wrong.
+    assert lab.check()["limit"] == 27 and lab.check()["problems"] == []
+    assert lab.check(since=lab.world.timeline(mac)[-1]["mono"])["blocked_everywhere"] == {mac: 0.0}
+
+
+def test_the_check_counts_only_blocks_on_every_bss_of_an_ess_on_every_node():
+    topo = topology.load(THREE)
+
+    def block(node, mono, mac, vaps=()):
+        return {"kind": "world", "what": "block" if vaps else "unblock", "node": node, "mono": mono, "mac": mac,
+                "vaps": list(vaps)}
+
     x, y, z = "02:aa:00:00:00:01", "02:aa:00:00:00:02", "02:aa:00:00:00:03"
+    both = ("wlan0", "wlan1")
     records = [
-        set_sta("A", 10, x, "MAPS_BLOCK_BSS", 0b110), set_sta("B", 11, x, "MAPS_BLOCK_BSS", 0b110),
-        set_sta("C", 12, x, "MAPS_BLOCK_BSS", 0b110),            # x locked out from 12 ...
-        set_sta("A", 20, x, "MAPS_BLOCK_DEFAULT"),                # ... to 20
-        set_sta("C", 30, x, "MAPS_BLOCK_BSS", 0b110), set_sta("A", 31, x, "MAPS_BLOCK_BSS", 0b110),
-        set_sta("B", 33, x, "MAPS_BLOCK_DISBALE"),                # 2 s more: the longest stays 8
-        # y: every node blocks it, but B leaves its 5 GHz BSS open
-        set_sta("A", 10, y, "MAPS_BLOCK_BSS", 0b110), set_sta("B", 10, y, "MAPS_BLOCK_BSS", 0b010),
-        set_sta("C", 10, y, "MAPS_BLOCK_BSS", 0b110),
-        set_sta("A", 10, z, "MAPS_BLOCK_BSS", 0b110),             # z: one node only
+        block("A", 10, x, both), block("B", 11, x, both), block("C", 12, x, both),   # x blocked from 12 ...
+        block("A", 20, x),                                                            # ... to 20
+        block("C", 30, x, both), block("A", 31, x, both), block("B", 33, x),          # 2 s more
+        block("A", 10, y, both), block("B", 10, y, ["wlan0"]), block("C", 10, y, both),   # B lets y in on 5 GHz
+        block("A", 10, z, both),                                                      # z: one node only
+        {"kind": "world", "what": "leave", "lost": True, "mac": z, "mono": 40, "node": "A"},
     ]
-    assert blocked_everywhere(records, TOPOLOGY, INDICES) == {x: 8}
+    out = check_timeline(records, topo, limit=5, now=45)
+    assert out["blocked_everywhere"] == {x: 8} and out["problems"] == [f"{x} was blocked on every BSS of its ESS "
+                                                                       "for 8.0 s (limit 5 s)"]
+    assert out["lockouts"] == {z: [5]}
+    assert check_timeline(records, topo, limit=5, since=15, now=45)["blocked_everywhere"] == {x: 5}
+
+
+BEACON_CASES = [
+    # behaviour, caps, channel and SSID asked for: the reports (BSSID, channel, RCPI) A's driver passes on
+    ("answer", FULL, 44, "herd", [(B_5, 44, -45)]),
+    ("answer", FULL, 36, "herd", [(C_5, 36, -50), (A_5, 36, -70)]),
+    ("answer", FULL, 0, "", [(B_5, 44, -45), (C_5, 36, -50)] + [(b, ch, -70) for b, ch in
+                                                                 ((A_24, 6), (A_5, 36), (B_24, 1), (C_24, 11))]),
+    ("answer", FULL, 44, "other", []),
+    ("rcpi", FULL, 44, "herd", [(B_5, 44, 2 * (-45 + 110) - 256)]),     # true RCPI 130, a signed byte
+    ("ignore", FULL, 44, "herd", None),
+    ("answer", HT | BTM, 44, "herd", None),                             # no 802.11k
+]
+
+
+@pytest.mark.parametrize("n, beacon, caps, channel, ssid, reports", [(40 + i, *c) for i, c in enumerate(BEACON_CASES)])
+def test_a_station_answers_a_beacon_request_from_what_it_hears(air, n, beacon, caps, channel, ssid, reports):
+    lab, sinks = air
+    mac = station(lab, n, beacon=beacon, caps=caps, rssi=-70, rssi_at={"B": {"wlan1": -45}, "C": {"wlan1": -50}})
+    assert uwb(lab.node_dir("A"), f"beacon_req wlan0 {mac} {channel} {ssid.encode().hex() or '-'}") == "0"
+    settled(lab, mac)
+    if reports is None:
+        assert steps(lab, mac)[-1][0] == "beacon_ignored"
+        assert sinks["A"].of(mac, "beacon_rep") == []
+        return
+    (_, report), = events(lab, sinks["A"], mac, 1, "beacon_rep")
+    op_classes = {1: 81, 6: 81, 11: 81, 36: 115, 44: 115}
+    assert report == {"bss": 1, "reports": [(b, ch, rcpi, op_classes[ch]) for b, ch, rcpi in reports]}
+    assert steps(lab, mac)[-2:] == [("beacon_request", "A", None), ("beacon_report", "A", None)]
+
+
+def test_the_timeline_has_the_drivers_blocks_and_an_associated_station_reports_steadily(air):
+    lab, sinks = air
+    mac = station(lab, 50, status_interval=0.1)
+    # Through MAPS_CMD_BEACON_REQ and MAPS_CMD_BSS_TRANS as well as through the Wi-Fi calls.
+    steer_maps(lab, "A", "wlan0", 12, b"herd".ljust(33, b"\0") + mac_bytes(mac) + bytes([6]))
+    set_sta(lab, "B", mac, BLOCK_BSS, 0b100)
+    set_sta(lab, "B", mac, BLOCK_DISABLE)
+    steer_maps(lab, "A", "wlan0", 11, mac_bytes(mac) + mac_bytes(A_5) + bytes([36]))
+    settled(lab, mac)
+    recs = [r for r in lab.world.timeline(mac) if r["what"] not in ("add", "beacon_report")]
+    assert [(r["what"], r.get("node"), r.get("vaps")) for r in recs] == [
+        ("join", "A", None), ("beacon_request", "A", None), ("block", "B", ["wlan1"]), ("unblock", "B", None),
+        ("btm_request", "A", None), ("btm_response", "A", None), ("leave", "A", None), ("join", "A", None)]
+    assert lab.world.where(mac) == ("A", "wlan1")
+    on_5 = lambda: [f for _, f in sinks["A"].of(mac, "status") if f["bss"] == 2]    # noqa: E731
+    lab.wait_for(lambda: len(on_5()) >= 3)
+    assert {(f["rssi"], f["sta_num"]) for f in on_5()} == {(-60, 1)}

@@ -1,0 +1,451 @@
+"""The commands the lab's command line runs itself: bringing a lab up and down, looking into
+its nodes, playing scenarios and the demo. They are rows of the one command table
+(lab/commands.py), defined here with `@runs_here` because they run in the command
+line rather than in the controller.
+"""
+
+import argparse
+import json
+import os
+import re
+import subprocess
+import sys
+import time
+from pathlib import Path
+
+from lab import daemonlog, netns, render, scenario_check, topology as topo_mod
+from lab.commands import arg, runs_here, show_nodes
+from lab.controller import Lab, LabError, check_dir, control_request, controller_pid, default_dir, teardown
+from lab.sandbox import REPO, daemon_binary, wait_until
+from lab.scenario_run import MeshView
+
+READY = r"bandherd is ready\."
+
+
+def fail(text):
+    print(f"lab: {text}", file=sys.stderr)
+    sys.exit(1)
+
+
+def request(args, req, timeout=30.0):
+    try:
+        return control_request(args.dir, req, timeout)
+    except (FileNotFoundError, ConnectionRefusedError):
+        fail(f"no lab controller runs in {args.dir} (start one with `python3 -m lab up TOPOLOGY`)")
+    except LabError as e:
+        fail(str(e))
+
+
+# -- up, serve, down ------------------------------------------------------------------
+
+def parse_settings(items, topo=None):
+    """{key: value} from `--set KEY=VALUE` arguments; with `topo`, only keys its daemons read."""
+    settings = {}
+    for item in items:
+        key, sep, value = item.partition("=")
+        if not sep:
+            fail(f"--set {item!r}: a setting is KEY=VALUE")
+        settings[key] = value
+    problems = topo.config_problems(settings) if topo is not None else []
+    if problems:
+        fail("--set: " + "; ".join(problems))
+    return settings
+
+
+def start_background(lab_dir, topology_path, daemons=True, settings=()):
+    """Starts `serve` as a detached process and waits until its lab is up."""
+    try:
+        topo = topo_mod.load(topology_path)
+    except topo_mod.TopologyError as e:
+        fail(str(e))
+    parse_settings(settings, topo)
+    check_dir(lab_dir, topo)
+    lab_dir = Path(lab_dir)
+    pid = controller_pid(lab_dir)
+    if pid is not None:
+        try:
+            control_request(lab_dir, {"cmd": "status"}, 2.0)
+            fail(f"a lab already runs in {lab_dir} (controller pid {pid}); `python3 -m lab down` first")
+        except (OSError, LabError):
+            pass
+    try:
+        lab_dir.mkdir(parents=True, exist_ok=True)
+    except OSError as e:
+        fail(f"cannot make the lab directory {lab_dir}: {e.strerror}")
+    argv = [sys.executable, "-m", "lab", "serve", str(Path(topology_path).resolve()), "--dir", str(lab_dir)]
+    if not daemons:
+        argv.append("--no-daemons")
+    for s in settings:
+        argv += ["--set", s]
+    env = dict(os.environ)
+    env["BANDHERD_BIN"] = str(daemon_binary().resolve())     # the controller runs in the repository
+    env["PYTHONPATH"] = str(REPO) + (os.pathsep + env["PYTHONPATH"] if env.get("PYTHONPATH") else "")
+    with open(lab_dir / "controller.log", "w") as out:
+        proc = subprocess.Popen(argv, cwd=REPO, env=env, stdin=subprocess.DEVNULL, stdout=out,
+                                stderr=subprocess.STDOUT, start_new_session=True)
+
+    def ready():
+        if proc.poll() is not None:
+            return True
+        try:
+            return control_request(lab_dir, {"cmd": "status"}, 2.0)["ready"]
+        except (OSError, LabError, ValueError):
+            return False
+
+    wait_until(ready, 30.0, 0.05)
+    if proc.poll() is not None:
+        sys.stderr.write((lab_dir / "controller.log").read_text())
+        fail(f"the lab controller stopped (status {proc.returncode}); its output is above")
+    return proc.pid
+
+
+def last_words(text):
+    """What a daemon's log says last that tells why it stopped: its last fatal line, else its
+    last error line, else its last line."""
+    lines = [line for line in text.splitlines() if line.strip()]
+    if not lines:
+        return "its log is empty"
+    parsed = [(daemonlog.parse(line), line) for line in lines]
+    for level in ("fatal", "error"):
+        found = [p for p, _ in parsed if p is not None and p.level == level]
+        if found:
+            return f"its log: {found[-1].level} {found[-1].func}: {found[-1].text}"
+    p, raw = parsed[-1]
+    return f"its log: {raw if p is None else f'{p.level} {p.func}: {p.text}'}"
+
+
+def wait_ready(args, names, timeout=15.0):
+    """Waits until each node's daemon is ready or has failed: ended, or logged a fatal line (it
+    then exits after its restart delay). Returns {node: None when ready, else why not, in words}."""
+    logs = {n: Path(args.dir) / "nodes" / n / "bandherd.log" for n in names}
+
+    def state():
+        nodes = {n["name"]: n for n in request(args, {"cmd": "nodes"})}
+        out = {}
+        for n in names:
+            text = logs[n].read_text(errors="replace") if logs[n].exists() else ""
+            daemon = nodes[n]["daemon"]
+            if re.search(READY, text):
+                out[n] = None
+            elif daemon.startswith(("exited", "killed")):
+                out[n] = f"its daemon {daemon}; {last_words(text)}"
+            elif any(p is not None and p.level == "fatal" for p in map(daemonlog.parse, text.splitlines())):
+                out[n] = f"its daemon stopped on a fatal error (it exits after its restart delay); {last_words(text)}"
+        return out
+
+    wait_until(lambda: len(state()) == len(names), timeout, 0.1)
+    out = state()
+    for n in names:
+        if n not in out:
+            text = logs[n].read_text(errors="replace") if logs[n].exists() else ""
+            out[n] = f"its daemon is not ready after {timeout:g} s; {last_words(text)}"
+    return out
+
+
+MESH_ARGS = (arg("topology", type=Path),
+             arg("--no-daemons", action="store_true", help="do not start the daemons"),
+             arg("--set", action="append", default=[], metavar="KEY=VALUE",
+                 help="add a configuration key to every node"))
+
+
+@runs_here("up", "bring a mesh up and keep it running in the background", *MESH_ARGS)
+def cmd_up(args):
+    pid = start_background(args.dir, args.topology, not args.no_daemons, args.set)
+    nodes = request(args, {"cmd": "nodes"})
+    failed = {}
+    if not args.no_daemons:
+        failed = {n: why for n, why in wait_ready(args, [n["name"] for n in nodes]).items() if why}
+        nodes = request(args, {"cmd": "nodes"})
+    print(f"lab up in {args.dir} (controller pid {pid}, its output in {args.dir}/controller.log)")
+    show_nodes(nodes)
+    print(f"""
+  each node's files:   {args.dir}/nodes/<name>/  (its /var: bandherd.conf, bandherd.log,
+                       driver.jsonl, run/, steer_socket, weft_socket)
+  mesh messages:       {args.dir}/mesh.jsonl
+  then:                python3 -m lab nodes | log NODE -f | exec NODE | send NODE TYPE JSON | down""")
+    if failed:
+        sys.stdout.flush()
+        for name, why in failed.items():
+            print(f"lab: {name} did not start: {why}", file=sys.stderr)
+        print(f"lab: the lab keeps running; `python3 -m lab --dir {args.dir} log NODE` shows a daemon's log, "
+              f"`down` ends the lab", file=sys.stderr)
+        return 1
+    return 0
+
+
+@runs_here("serve", "run a lab's controller in the foreground", *MESH_ARGS)
+def cmd_serve(args):
+    settings = parse_settings(args.set)
+    try:
+        Lab().serve(args.topology, args.dir, settings, daemons=not args.no_daemons)
+    except (topo_mod.TopologyError, LabError, netns.NamespaceError) as e:
+        fail(str(e))
+
+
+@runs_here("down", "tear the lab down (also after a failed run)")
+def cmd_down(args):
+    print(teardown(args.dir))
+
+
+# -- looking ---------------------------------------------------------------------------
+
+def node_dir(args, name):
+    d = Path(args.dir) / "nodes" / name
+    if not d.is_dir():
+        have = sorted(p.name for p in (Path(args.dir) / "nodes").glob("*")) if (Path(args.dir) / "nodes").exists() else []
+        fail(f"no node {name!r} in {args.dir} (nodes: {', '.join(have) or 'none'})")
+    return d
+
+
+@runs_here("log", "a node's daemon output", arg("node"), arg("-f", "--follow", action="store_true"))
+def cmd_log(args):
+    path = node_dir(args, args.node) / "bandherd.log"
+    pos = 0
+    try:
+        while True:
+            if path.exists():
+                with open(path, "rb") as f:
+                    f.seek(pos)
+                    chunk = f.read()
+                    pos += len(chunk)
+                sys.stdout.write(chunk.decode(errors="replace"))
+                sys.stdout.flush()
+            if not args.follow:
+                return
+            time.sleep(0.2)
+    except KeyboardInterrupt:
+        pass
+
+
+def exec_in_node(args, argv):
+    ledger = netns.Ledger.read(args.dir)
+    if ledger is None or args.node not in ledger.data["nodes"]:
+        fail(f"no node {args.node!r} is up in {args.dir}")
+    pid = ledger.data["nodes"][args.node]["pid"]
+    cmd = netns.enter_command(pid, ledger.data["root"], os.getcwd()) + argv
+    os.execvp(cmd[0], cmd)
+
+
+@runs_here("exec", "run a command (default: a shell) inside a node", arg("node"),
+           arg("argv", nargs=argparse.REMAINDER))
+def cmd_exec(args):
+    argv = args.argv or [os.environ.get("SHELL", "/bin/sh")]
+    if argv and argv[0] == "--":
+        argv = argv[1:]
+    exec_in_node(args, argv)
+
+
+STEER_CLI = Path(__file__).resolve().parents[1] / "tools" / "steer_cli.sh"
+
+
+@runs_here("cli", "run the operator's front end tools/steer_cli.sh inside a node: cli A sta -l", arg("node"),
+           arg("argv", nargs=argparse.REMAINDER))
+def cmd_cli(args):
+    argv = args.argv[1:] if args.argv[:1] == ["--"] else args.argv
+    exec_in_node(args, ["sh", str(STEER_CLI), *argv])
+
+
+# -- scenarios ----------------------------------------------------------------------------
+
+def read_scenario(args, path):
+    """A scenario file, checked against the running lab's topology; fails with every problem."""
+    path = Path(path)
+    try:
+        raw = json.loads(path.read_text())
+    except OSError as e:
+        fail(f"cannot read {path}: {e.strerror}")
+    except json.JSONDecodeError as e:
+        fail(f"{path} is not JSON: {e}")
+    topo = None
+    if (Path(args.dir) / "topology.json").exists():
+        try:
+            topo = topo_mod.load(Path(args.dir) / "topology.json")
+        except topo_mod.TopologyError:
+            topo = None
+    try:
+        sc = scenario_check.parse(raw, str(path), topo, base=path.parent)
+    except scenario_check.ScenarioError as e:
+        fail(str(e))
+    return raw, sc
+
+
+def play(args, path, raw, sc, on_batch):
+    """Has the running lab's controller play a scenario and hands its timeline records to
+    `on_batch` (a list at a time) as they come; returns the summary. Ctrl-C ends it early."""
+    if controller_pid(args.dir) is None:
+        hint = f" {scenario_check.topology_path(sc.topology, Path(path).parent) or sc.topology}" if sc.topology else ""
+        fail(f"no lab runs in {args.dir}; start one first: python3 -m lab up{hint}")
+    started = request(args, {"cmd": "scenario-start", "scenario": raw, "source": str(path),
+                             "base": str(Path(path).resolve().parent)})
+    tail = daemonlog.Tail(started["timeline"], from_start=True)
+    stop_sent = None
+    while True:
+        try:
+            recs = [json.loads(line) for line in tail.lines() if line.strip()]
+            summary = next((r for r in recs if r.get("kind") == "summary"), None)
+            on_batch([r for r in recs if r.get("kind") != "summary"])
+            if summary is not None:
+                return summary
+            if controller_pid(args.dir) is None:
+                fail("the lab's controller went away during the scenario")
+            if stop_sent is not None and time.monotonic() - stop_sent > 15:
+                fail("the scenario did not stop")
+            time.sleep(0.1)
+        except KeyboardInterrupt:
+            if stop_sent is not None:
+                raise
+            print("\n(stopping the scenario)", flush=True)
+            request(args, {"cmd": "scenario-stop"})
+            stop_sent = time.monotonic()
+
+
+@runs_here("scenario", "play a scenario file against the running lab and print its timeline",
+           arg("file", type=Path),
+           arg("-v", "--verbose", action="store_true",
+               help="also periodic status events, Wi-Fi queries and every log line at info level"),
+           arg("-q", "--quiet", action="store_true", help="only the summary"))
+def cmd_scenario(args):
+    raw, sc = read_scenario(args, args.file)
+
+    def show(recs):
+        for r in recs:
+            line = render.describe(r, args.verbose)
+            if line is not None and not args.quiet:
+                print(line, flush=True)
+
+    summary = play(args, args.file, raw, sc, show)
+    print()
+    for line in render.summary_lines(summary):
+        print(line)
+    print(f"timeline: {Path(args.dir) / scenario_check.TIMELINE}")
+    return 1 if summary["failed"] else 0
+
+
+# -- demo ---------------------------------------------------------------------------------
+
+class ConvergenceTable:
+    """The demo's table: a row whenever a node's neighbour table (from its log) or the station
+    counts its heartbeat carries change."""
+
+    def __init__(self, topology):
+        self.view = MeshView(topology)
+        self.nodes = topology.names()
+
+    def header(self):
+        top = "          " + "".join(f"{n:<13}" for n in self.nodes)
+        sub = "       t  " + "nbrs  sta    " * len(self.nodes) + "what changed"
+        return [top, sub]
+
+    def row(self, at, what):
+        cells = self.view.cells()
+        return f"{at:8.2f}  " + "".join(f"{cells[n][0]:<6}{cells[n][1]:<7}" for n in self.nodes) + what
+
+    def batch(self, recs):
+        """Lines for one batch of timeline records: the steps, and a row if anything changed."""
+        out, changes, at = [], [], None
+        for r in recs:
+            got = self.view.apply(r)
+            if r["kind"] == "start":
+                out.append(self.row(r["at"], "start"))
+            elif r["kind"] == "step":
+                out.append(f"{r['at']:8.2f}  | {render.step_words(r)}")
+            elif r["kind"] == "world" and r["what"] not in ("add", "set", "rssi", "join", "leave"):
+                out.append(f"{r['at']:8.2f}  | {render.world_words(r)}")
+            if got:
+                changes += got
+                at = r["at"]
+        if changes:
+            out.append(self.row(at, " ".join(changes)))
+        return out
+
+
+@runs_here("demo", "a three-node mesh, a short scenario, neighbour tables and station counts converging",
+           arg("--keep", action="store_true", help="leave the lab running"))
+def cmd_demo(args):
+    binary = daemon_binary()
+    if not binary.exists():
+        fail(f"{binary} is not built: cmake -S . -B build -G Ninja && cmake --build build")
+    topology = REPO / "lab" / "topologies" / "three-node.json"
+    scenario_file = REPO / "lab" / "scenarios" / "arrivals.json"
+    topo = topo_mod.load(topology)
+    names = topo.names()
+    portal = topo.portal
+    wireless = [n for n in topo.nodes if n.backhaul]
+    wired = [n.name for n in topo.nodes if n is not portal and not n.backhaul]
+    started = time.monotonic()
+    print(f"== a three-node mesh from {topology.relative_to(REPO)}: {portal.name} is the portal, "
+          f"{', '.join(wired)} wired to it"
+          + "".join(f", {n.name} reaches {n.backhaul.uplink} over a wireless backhaul ({n.backhaul.ifname}, "
+                    f"{n.backhaul.rate} Mbit/s, {n.backhaul.hops} hop)" for n in wireless))
+    start_background(args.dir, topology, True, ["bandherd.log_level=5"])
+    ok = True
+    try:
+        failed = {n: why for n, why in wait_ready(args, names, 20.0).items() if why}
+        show_nodes(request(args, {"cmd": "nodes"}))
+        if failed:
+            print("\na daemon did not become ready; its log:")
+            for n, why in failed.items():
+                print(f"  {n}: {why}")
+                print("".join(f"  {n}| {line}\n" for line in read_log(args, n)[-15:]))
+            return 1
+
+        raw, sc = read_scenario(args, scenario_file)
+        print(f"\n== the scenario {scenario_file.relative_to(REPO)}: {sc.description}")
+        print("   nbrs: a node's neighbour table as its log reports it; sta: the stations on its "
+              f"{table_vaps(topo)} as its last heartbeat carried them\n"
+              "   (? before its first heartbeat); A+B: A learnt B, A-B: A lost B; A hb: A's heartbeat "
+              "carries new counts; a daemon's heartbeats go out 5 s after it starts, then 20 s, 40 s, ... after it started\n")
+        table = ConvergenceTable(topo)
+        for line in table.header():
+            print(line)
+
+        def show(recs):
+            for line in table.batch(recs):
+                print(line, flush=True)
+
+        summary = play(args, scenario_file.relative_to(REPO), raw, sc, show)
+        final = {n: h[-1][1] for n, h in summary["world_counts"].items() if h}
+        cells = table.view.cells()
+        if table.view.converged(final):
+            print(f"\n== converged: every node lists the other {len(names) - 1}, and each last heartbeat "
+                  "carries the stations the scenario left: "
+                  + ", ".join(f"{n} {cells[n][1]}" for n in names))
+        else:
+            ok = False
+            print("\n== NOT converged: the scenario left "
+                  + ", ".join(f"{n} {'/'.join(str(v) for v in final.get(n, {}).values())}" for n in names)
+                  + "; the table shows what the nodes report")
+        for line in render.summary_lines(summary)[:1] + render.summary_lines(summary)[-3:-1]:
+            print("   " + line)
+
+        d = "" if args.dir == default_dir() else f" --dir {args.dir}"
+        tries = [
+            ("scenario lab/scenarios/roam.json", "a phone joins B before leaving A: B announces it, A kicks it"),
+            ("scenario lab/scenarios/crash.json", "B is killed; A and C age it out (about 70 s), then it restarts"),
+            ("log C -f", "follow C's daemon (its uplink rate before each heartbeat)"),
+            ("sta A join 02:aa:00:00:00:01 --bss 1 --rssi -70", "a station joins A's BSS 1 by hand"),
+            ("relay partition A B,C", "A stops hearing B and C: watch them age each other out"),
+            ("exec C ip -s link show wl5g-sta", "inside node C: its backhaul's counters"),
+            ("down", "tear it all down"),
+        ]
+        print(f"\n== try next{'' if args.keep else ' (run the demo with --keep, or python3 -m lab up ' + str(topology.relative_to(REPO)) + ', first)'}")
+        for cmd, what in tries:
+            print(f"  python3 -m lab{d} {cmd}\n      {what}")
+        print(f"  records: {args.dir}/timeline.jsonl, {args.dir}/mesh.jsonl, {args.dir}/nodes/<name>/driver.jsonl; "
+              "lab/README.md tells how to write scenarios")
+    finally:
+        if args.keep:
+            print(f"\nthe lab keeps running in {args.dir}; `python3 -m lab down` ends it")
+        else:
+            print(f"\n== tearing down: {teardown(args.dir)}")
+        print(f"(the demo took {time.monotonic() - started:.0f} s)")
+    return 0 if ok else 1
+
+
+def table_vaps(topo):
+    return "/".join(v.mib for v in topo.nodes[0].vaps)
+
+
+def read_log(args, name):
+    path = Path(args.dir) / "nodes" / name / "bandherd.log"
+    return path.read_text(errors="replace").splitlines() if path.exists() else []
