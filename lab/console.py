@@ -423,7 +423,11 @@ def cmd_demo(args):
             ("scenario lab/scenarios/roam.json", "a phone joins B before leaving A: B announces it, A kicks it"),
             ("scenario lab/scenarios/crash.json", "B is killed; A and C age it out (about 70 s), then it restarts"),
             ("log C -f", "follow C's daemon (its uplink rate before each heartbeat)"),
-            ("sta A join 02:aa:00:00:00:01 --bss 1 --rssi -70", "a station joins A's BSS 1 by hand"),
+            ("world add 02:aa:00:00:00:01 --btm sticky --at B:wlan1=-45", "a station that returns after a BSS "
+             "transition, strongest on B's 5 GHz BSS"),
+            ("world join 02:aa:00:00:00:01 A wlan0", "it associates to A's 2.4 GHz BSS"),
+            ("cli A act -t 02:aa:00:00:00:01 02:00:00:00:0b:02", "A's operator steers it to B (BTM): then "
+             "world timeline 02:aa:00:00:00:01, world show, world check"),
             ("relay partition A B,C", "A stops hearing B and C: watch them age each other out"),
             ("exec C ip -s link show wl5g-sta", "inside node C: its backhaul's counters"),
             ("down", "tear it all down"),

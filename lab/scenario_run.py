@@ -437,7 +437,7 @@ class Runner:
         vap = self._vap(node, step["bss"]) if node else None
         self._hear(step, node, vap)
         where = self.world.associate(self._mac(step), node, vap, why="step")
-        return {"joined": where}
+        return {"joined": where and list(where)}
 
     def _do_roam(self, step):
         mac = self._mac(step)
@@ -446,7 +446,7 @@ class Runner:
         self._hear(step, step["node"], vap)
         where = self.world.roam(mac, step["node"], vap, leave_first=step.get("leave_first", False),
                                 inactive_after=step.get("old_leaves_after"), why="step")
-        return {"joined": where, "from": old[0] if old else None}
+        return {"joined": where and list(where), "from": old[0] if old else None}
 
     def _do_leave(self, step):
         self.world.leave(self._mac(step), why="step")

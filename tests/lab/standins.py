@@ -170,3 +170,34 @@ class SteerSocket:
         self.sock.shutdown(socket.SHUT_RDWR)
         self.sock.close()
         self.thread.join(2)
+
+
+# -- what a daemon tells its driver over the uwb socket (MAPS commands through steer_maps) --------------
+
+BLOCK_DEFAULT, BLOCK_BSS, BLOCK_DISABLE = 0, 1, 2
+
+
+def steer_maps(lab, node, ifname, code, payload=b""):
+    buf = b"steerin" + bytes([code]) + payload
+    assert uwb(lab.node_dir(node), f"steer_maps {ifname} {buf.hex()}") == f"0 {buf.hex()}"
+
+
+def daemon_start(lab, node):
+    """What a daemon tells its driver as it starts: forget all, BSS 1 (2.4 GHz) and 2 (5 GHz), their radios."""
+    steer_maps(lab, node, "wlan0", 9)
+    for ifname, index in (("wlan0", 1), ("wlan1", 2)):
+        steer_maps(lab, node, ifname, 1, struct.pack("=B3xI", index, 0b110))
+        steer_maps(lab, node, ifname, 4, bytes([index]))
+
+
+def set_sta(lab, node, mac, mode, bits=0):
+    steer_maps(lab, node, "wlan0", 2, mac_bytes(mac) + bytes(2) + struct.pack("=II", mode, bits))
+
+
+def set_radio(lab, node, index, mode, upper=0, lower=0):
+    steer_maps(lab, node, "wlan0", 5, struct.pack("=B3xIbbbb", index, mode, upper, lower, 0, -100))
+
+
+def set_config(lab, node, reject_max_cnt):
+    conf = struct.pack("=BBBxIBBBxIBB2xIBB2x", 1, 1, 1, 60, 20, reject_max_cnt, 15, 12000, 1, 0, 3, 6, 0)
+    steer_maps(lab, node, "wlan0", 3, conf)

@@ -85,25 +85,47 @@ def test_the_command_line_drives_a_running_lab(lab, lab_dir):
         r = lab_cli(lab_dir, "messages", "--type", "SNEI_HEARTBEAT")
         assert [json.loads(line)["sender"] for line in r.stdout.splitlines()] == ["A"]
 
-        # A mistake ends in one line that says what is wrong, and changes nothing.
-        for args, says in [
-                (["send", "Z", "SAP_INFO", "{}"], "no node 'Z'"),
-                (["inject", "A", "STA_JUMP", ""], "unknown event 'STA_JUMP'"),
-                (["sta", "A", "join", STA, "--bss", "7"], "node A has no BSS 7"),
-                (["driver", "A", "--fail", "bogus_call"], "unknown Wi-Fi call 'bogus_call'"),
-                (["driver", "A", "--fail", "kick_sta=x"], "--fail kick_sta=x: the result after '=' must be a whole"),
-                (["relay", "drop", "SNEI_HEARTBEAT_TYPO"], "unknown message type SNEI_HEARTBEAT_TYPO"),
-                (["relay", "delay", "abc"], "a delay is a number of seconds from 0, not 'abc'"),
-                (["relay", "heal", "now"], "relay heal takes no arguments"),
-                (["relay", "loss", "2"], "a loss is a fraction from 0 to 1, not '2'"),
-                (["world", "join", "02:aa:00:00:00:99"], "the world has no station 02:aa:00:00:00:99"),
-                (["world", "rssi", "02:aa:00:00:00:99", "-60", "A", "nosuch"], "node A has no VAP 'nosuch'")]:
+        # Stations of the radio world, by hand (no daemon runs: their drivers' events reach nobody).
+        phone = "02:aa:00:00:00:08"
+        assert lab_cli(lab_dir, "world", "add", phone, "--btm", "reject", "--rssi", "-70",
+                       "--at", "B:wlan1=-45", "--at", "C=-50").returncode == 0
+        r = lab_cli(lab_dir, "world", "join", phone)
+        assert (r.returncode, r.stdout) == (0, f"{phone} on B wlan1\n"), r.stderr
+        r = lab_cli(lab_dir, "world", "show")
+        assert r.stdout == f"{phone}  herd     btm=reject beacon=answer on B wlan1  blocked: -\n"
+        r = lab_cli(lab_dir, "world", "timeline", phone)
+        assert [line.split()[2] for line in r.stdout.splitlines()] == ["add", "join"]
+        r = lab_cli(lab_dir, "world", "check")
+        assert r.stdout.splitlines()[0] == "longest block of a station on every BSS of its ESS: 0 s (limit 27 s)"
+        # The operator's front end runs inside the node and its exit status is the command's.
+        r = lab_cli(lab_dir, "cli", "A", "help")
+        assert (r.returncode, r.stderr) == (1, "steer_cli.sh: bandherd is not running\n")
+
+        # A mistake ends in one line that says what is wrong (status 1; 2 for a malformed command
+        # line, which argparse explains in two), and changes nothing.
+        for args, status, says in [
+                (["send", "Z", "SAP_INFO", "{}"], 1, "no node 'Z'"),
+                (["send", "B", "SAP_INFO", "{"], 1, "not JSON: "),
+                (["inject", "A", "STA_JUMP", ""], 1, "unknown event 'STA_JUMP'"),
+                (["inject", "A", "8", "0xzz"], 1, "the payload '0xzz' is not hex"),
+                (["sta", "A", "join", STA, "--bss", "7"], 1, "node A has no BSS 7"),
+                (["driver", "A", "--fail", "bogus_call"], 1, "unknown Wi-Fi call 'bogus_call'"),
+                (["driver", "A", "--fail", "kick_sta=x"], 1, "--fail kick_sta=x: the result after '=' must be a whole"),
+                (["relay", "drop", "SNEI_HEARTBEAT_TYPO"], 1, "unknown message type SNEI_HEARTBEAT_TYPO"),
+                (["relay", "delay", "abc"], 1, "a delay is a number of seconds from 0, not 'abc'"),
+                (["relay", "loss", "2"], 1, "a loss is a fraction from 0 to 1, not '2'"),
+                (["relay", "heal", "now"], 2, "unrecognized arguments: now"),
+                (["world", "join", "02:aa:00:00:00:99"], 1, "the world has no station 02:aa:00:00:00:99"),
+                (["world", "join", phone, "A"], 1, "world join: give a NODE and a VAP, or neither"),
+                (["world", "add", STA, "--at", "A:nosuch=-60"], 1, "node A has no VAP 'nosuch'"),
+                (["world", "add", STA, "--btm", "maybe"], 2, "invalid choice: 'maybe'"),
+                (["world", "rssi", phone, "-60", "A", "nosuch"], 1, "node A has no VAP 'nosuch'")]:
             r = lab_cli(lab_dir, *args)
-            assert (r.returncode, r.stdout, r.stderr.count("\n")) == (1, "", 1), (args, r)
-            assert says in r.stderr, (args, r.stderr)
+            assert (r.returncode, r.stdout) == (status, ""), (args, r)
+            assert says in r.stderr.splitlines()[-1] and (status == 2 or r.stderr.count("\n") == 1), (args, r.stderr)
         assert lab.relay.faults() == {"drop_all": False, "drop_types": [], "delay": 0.0, "delay_types": [],
                                       "groups": None, "loss": 0.0}
-        assert lab.driver("A").call_results == {}
+        assert lab.driver("A").call_results == {} and lab.world.where(phone) == ("B", "wlan1")
         # A reader that stops reading (`nodes --json | head`) ends the command quietly, as SIGPIPE would.
         read_end, write_end = os.pipe()
         os.close(read_end)
@@ -142,13 +164,6 @@ def test_a_daemon_runs_in_its_node_with_the_driver_double(bandherd, lab, lab_dir
     assert re.search(r"receive signal 2$", lab.log("A"), re.M)
 
 
-def test_up_refuses_a_directory_that_is_not_a_labs(lab_dir):
-    (lab_dir / "notes.txt").write_text("mine\n")
-    with pytest.raises(LabError, match=r"not a lab's \(notes.txt\)"):
-        Lab().up(TWO, lab_dir)
-    assert (lab_dir / "notes.txt").read_text() == "mine\n"
-
-
 def test_a_failed_bring_up_leaves_nothing_running(lab_dir, monkeypatch):
     made = []
     real_add_node = netns.Namespaces.add_node
@@ -181,6 +196,10 @@ def test_up_in_the_background_then_down(lab_dir, tmp_path):
         r = lab_cli(where, *args)
         assert r.returncode == 1 and says in r.stderr and "Traceback" not in r.stderr, (args, r.stderr)
     assert not long_dir.exists() and not (lab_dir / "controller.pid").exists()
+    (lab_dir / "notes.txt").write_text("mine\n")
+    with pytest.raises(LabError, match=r"not a lab's \(notes.txt\)"):
+        Lab().up(TWO, lab_dir)
+    (lab_dir / "notes.txt").unlink()
 
     r = lab_cli(lab_dir, "up", str(TWO), "--no-daemons", "--set", "bandherd.log_level=6")
     assert r.returncode == 0, r.stdout + r.stderr
@@ -252,7 +271,7 @@ def test_demo_shows_the_three_node_mesh_converge_on_its_scenarios_stations(bandh
         assert 14 <= second - first <= 16 and 19 <= third - second <= 21, (node, beats[node])
     assert "== converged: every node lists the other 2, and each last heartbeat carries the stations " \
            "the scenario left: A 0/1, B 0/1, C 0/0" in out
-    assert "| phone joins A wlan1 (bss 2)" in out
+    assert "| phone joins A wlan1" in out
     assert "python3 -m lab --dir" in out and "scenario lab/scenarios/roam.json" in out
     assert "== tearing down" in out
     assert json.loads((lab_dir / "timeline.jsonl").read_text().splitlines()[-1])["kind"] == "summary"
@@ -260,11 +279,16 @@ def test_demo_shows_the_three_node_mesh_converge_on_its_scenarios_stations(bandh
     assert not (lab_dir / "pids.json").exists()
 
 
-def test_the_control_socket_serves_exactly_the_requests_of_the_command_table():
-    from lab import commands
+def test_each_command_is_served_by_the_controller_or_run_by_the_command_line():
+    from lab import __main__ as cli, commands
+    typed = {c.name for c in commands.COMMANDS if c.typed}
+    assert {c.name for c in commands.COMMANDS if (c.serve is None) == (c.run is None)} == set()
+    assert {"up", "down", "demo", "cli", "world add", "world check", "relay partition", "nodes"} <= typed
+    assert cli.parser().parse_args(["world", "join", "02:aa:00:00:00:01", "A", "wlan0"]).command.name == "world join"
     lab = Lab()
-    assert {r for r in commands.REQUESTS if not callable(getattr(lab, "serve_" + r, None))} == set()
     with pytest.raises(LabError, match="unknown command 'serve_down'"):
         lab.control({"cmd": "serve_down"})
+    with pytest.raises(LabError, match="runs in the command line"):
+        lab.control({"cmd": "up"})
     with pytest.raises(LabError, match="the lab is not up"):
         lab.control({"cmd": "nodes"})

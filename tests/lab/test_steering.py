@@ -77,8 +77,8 @@ def steer_log(lab, node):
 def station(lab, n, btm="obey", caps=BTM | HT, node="A", vap="wlan0", **fields):
     """A world station associated to `node`'s `vap`."""
     sta = mac(n)
-    lab.world.add(sta, "herd", btm=btm, caps=caps, **fields)
-    lab.world.connect(sta, node, vap)
+    lab.world.add(sta, btm=btm, caps=caps, **fields)
+    lab.world.associate(sta, node, vap)
     lab.wait_log(node, re.escape(sta) + r" associate bss")
     for other in {"A", "B", "C"} - {node}:
         lab.wait_log(other, re.escape(sta) + r" associate node")
@@ -86,7 +86,8 @@ def station(lab, n, btm="obey", caps=BTM | HT, node="A", vap="wlan0", **fields):
 
 
 def whats(lab, sta):
-    return [r["what"] for r in lab.world.timeline(sta)]
+    """What the station did (its blocks and settings aside)."""
+    return [r["what"] for r in lab.world.timeline(sta) if r["what"] not in ("add", "set", "block", "unblock")]
 
 
 def settle(lab, sta, where):
@@ -206,7 +207,7 @@ def test_faults_end_every_steer_by_its_time_outs(lab):
         lab.wait_for(lambda n=n: block(lab, n, dead) in (None, (DEFAULT, 0), ("MAPS_BLOCK_DISBALE", 0)), 20.0)
     for sta in [mac(n) for n in range(1, 11)]:
         lab.wait_for(lambda sta=sta: lab.world.where(sta) is not None, 20.0)  # nobody is left out
-    blocked = lab.blocked_everywhere()
+    blocked = lab.check()["blocked_everywhere"]
     assert max(blocked.values(), default=0) <= limit, blocked
     lab.start_daemon("C")
     lab.wait_log("C", r"bandherd is ready\.")

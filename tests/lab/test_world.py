@@ -12,41 +12,15 @@ from lab.controller import Lab
 from lab.sandbox import REPO
 from lab.world import check_timeline
 from lab import topology
-from standins import EventSink, mac_bytes, uwb
+from standins import (BLOCK_BSS, BLOCK_DEFAULT, BLOCK_DISABLE, EventSink, daemon_start, mac_bytes, set_config,
+                      set_radio, set_sta, steer_maps, uwb)
 
 THREE = REPO / "lab" / "topologies" / "three-node.json"
 A_24, A_5, B_24, B_5, C_24, C_5 = (f"02:00:00:00:0{n}:0{b}" for n in "abc" for b in "12")
 HT, RRM, BTM = 1, 4, 8
 FULL = HT | 2 | RRM | BTM
-BLOCK_DEFAULT, BLOCK_BSS, BLOCK_DISABLE = 0, 1, 2
 BAND_ACCEPT, BAND_BLOCK, BAND_BLOCK_RSSI = 0, 1, 2
 FAST = {"answer_delay": 0.05, "move_delay": 0.1, "return_after": 0.3, "retry_after": 0.2, "status_interval": 0}
-
-
-def steer_maps(lab, node, ifname, code, payload=b""):
-    buf = b"steerin" + bytes([code]) + payload
-    assert uwb(lab.node_dir(node), f"steer_maps {ifname} {buf.hex()}") == f"0 {buf.hex()}"
-
-
-def daemon_start(lab, node):
-    """What a daemon tells its driver as it starts: forget all, BSS 1 (2.4 GHz) and 2 (5 GHz), their radios."""
-    steer_maps(lab, node, "wlan0", 9)
-    for ifname, index in (("wlan0", 1), ("wlan1", 2)):
-        steer_maps(lab, node, ifname, 1, struct.pack("=B3xI", index, 0b110))
-        steer_maps(lab, node, ifname, 4, bytes([index]))
-
-
-def set_sta(lab, node, mac, mode, bits=0):
-    steer_maps(lab, node, "wlan0", 2, mac_bytes(mac) + bytes(2) + struct.pack("=II", mode, bits))
-
-
-def set_radio(lab, node, index, mode, upper=0, lower=0):
-    steer_maps(lab, node, "wlan0", 5, struct.pack("=B3xIbbbb", index, mode, upper, lower, 0, -100))
-
-
-def set_config(lab, node, reject_max_cnt):
-    conf = struct.pack("=BBBxIBBBxIBB2xIBB2x", 1, 1, 1, 60, 20, reject_max_cnt, 15, 12000, 1, 0, 3, 6, 0)
-    steer_maps(lab, node, "wlan0", 3, conf)
 
 
 @pytest.fixture(scope="module")
