@@ -285,6 +285,8 @@ def test_each_command_is_served_by_the_controller_or_run_by_the_command_line():
     assert {c.name for c in commands.COMMANDS if (c.serve is None) == (c.run is None)} == set()
     assert {"up", "down", "demo", "cli", "world add", "world check", "relay partition", "nodes"} <= typed
     assert cli.parser().parse_args(["world", "join", "02:aa:00:00:00:01", "A", "wlan0"]).command.name == "world join"
+    readme = (REPO / "lab" / "README.md").read_text()
+    assert {name for name in typed if f"| `{name}" not in readme and f"/ `{name}" not in readme} == set()
     lab = Lab()
     with pytest.raises(LabError, match="unknown command 'serve_down'"):
         lab.control({"cmd": "serve_down"})
