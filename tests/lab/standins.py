@@ -4,8 +4,11 @@ The wire formats are written out here on purpose, apart from the lab's own
 code, so that a test compares the lab against the protocol and not against itself.
 """
 
+import contextlib
+import shutil
 import socket
 import struct
+import tempfile
 import threading
 import time
 
@@ -201,3 +204,25 @@ def set_radio(lab, node, index, mode, upper=0, lower=0):
 def set_config(lab, node, reject_max_cnt):
     conf = struct.pack("=BBBxIBBBxIBB2xIBB2x", 1, 1, 1, 60, 20, reject_max_cnt, 15, 12000, 1, 0, 3, 6, 0)
     steer_maps(lab, node, "wlan0", 3, conf)
+
+
+@contextlib.contextmanager
+def stand_in_lab(topology, daemons):
+    """A lab without namespaces (no daemon can run) whose nodes named in `daemons` have a stand-in
+    daemon: an EventSink on its netlink end, and the BSSes and radios set up as a daemon does.
+    Yields (lab, {node: EventSink})."""
+    from lab.controller import Lab
+    lab_dir = tempfile.mkdtemp(prefix="bh-", dir="/tmp")
+    lab = Lab()
+    sinks = {}
+    try:
+        lab.up(topology, lab_dir, namespaces=False)
+        for name in daemons:
+            sinks[name] = EventSink(lab.node_dir(name))
+            daemon_start(lab, name)
+        yield lab, sinks
+    finally:
+        for sink in sinks.values():
+            sink.close()
+        lab.down()
+        shutil.rmtree(lab_dir, ignore_errors=True)

@@ -2,18 +2,15 @@
 runner playing its stations through the radio world against stand-ins on the daemons' sockets."""
 
 import json
-import shutil
 import subprocess
 import sys
-import tempfile
 
 import pytest
 
 from lab import daemonlog, scenario_check, topology
-from lab.controller import Lab
 from lab.sandbox import REPO
 from lab.scenario_run import Runner
-from standins import EventSink, daemon_start, uwb
+from standins import stand_in_lab, uwb
 
 THREE = REPO / "lab" / "topologies" / "three-node.json"
 SCENARIOS = REPO / "lab" / "scenarios"
@@ -103,22 +100,9 @@ def test_a_daemon_log_tells_the_neighbour_table_of_its_latest_run(tmp_path):
 
 @pytest.fixture(scope="module")
 def stand_ins():
-    """A three-node lab without namespaces whose daemons are stand-ins: A and B take driver events
-    and have set up their BSSes as a daemon does; C has no daemon."""
-    lab_dir = tempfile.mkdtemp(prefix="bh-", dir="/tmp")
-    lab = Lab()
-    sinks = {}
-    try:
-        lab.up(THREE, lab_dir, namespaces=False)
-        for name in ("A", "B"):
-            sinks[name] = EventSink(lab.node_dir(name))
-            daemon_start(lab, name)
-        yield lab, sinks
-    finally:
-        for s in sinks.values():
-            s.close()
-        lab.down()
-        shutil.rmtree(lab_dir, ignore_errors=True)
+    """A three-node lab without namespaces: A and B have stand-in daemons, C has none."""
+    with stand_in_lab(THREE, "AB") as lab_and_sinks:
+        yield lab_and_sinks
 
 
 def test_scenario_stations_live_in_the_world_report_as_drivers_do_and_a_kicked_one_leaves(stand_ins):

@@ -2,18 +2,13 @@
 a daemon sends (MAPS commands and Wi-Fi calls over each node's uwb socket) and reads what the
 drivers send back on each node's netlink end, and the stations' timelines."""
 
-import struct
-import tempfile
-import shutil
-
 import pytest
 
-from lab.controller import Lab
 from lab.sandbox import REPO
 from lab.world import check_timeline
 from lab import topology
-from standins import (BLOCK_BSS, BLOCK_DEFAULT, BLOCK_DISABLE, EventSink, daemon_start, mac_bytes, set_config,
-                      set_radio, set_sta, steer_maps, uwb)
+from standins import (BLOCK_BSS, BLOCK_DEFAULT, BLOCK_DISABLE, daemon_start, mac_bytes, set_config, set_radio,
+                      set_sta, stand_in_lab, steer_maps, uwb)
 
 THREE = REPO / "lab" / "topologies" / "three-node.json"
 A_24, A_5, B_24, B_5, C_24, C_5 = (f"02:00:00:00:0{n}:0{b}" for n in "abc" for b in "12")
@@ -25,21 +20,9 @@ FAST = {"answer_delay": 0.05, "move_delay": 0.1, "return_after": 0.3, "retry_aft
 
 @pytest.fixture(scope="module")
 def air():
-    """A three-node lab without namespaces: drivers, world, and a stand-in daemon's netlink end per node."""
-    lab_dir = tempfile.mkdtemp(prefix="bh-", dir="/tmp")
-    lab = Lab()
-    sinks = {}
-    try:
-        lab.up(THREE, lab_dir, namespaces=False)
-        sinks = {n: EventSink(lab.node_dir(n)) for n in "ABC"}
-        for n in "ABC":
-            daemon_start(lab, n)
-        yield lab, sinks
-    finally:
-        for s in sinks.values():
-            s.close()
-        lab.down()
-        shutil.rmtree(lab_dir, ignore_errors=True)
+    """A three-node lab without namespaces: drivers, world, and a stand-in daemon on every node."""
+    with stand_in_lab(THREE, "ABC") as air:
+        yield air
 
 
 @pytest.fixture(autouse=True)
@@ -100,11 +83,11 @@ def test_a_station_answers_a_bss_transition_request_as_its_behaviour_says(air, n
         assert sinks["A"].of(mac, "bss_trans") == []
     else:
         assert events(lab, sinks["A"], mac, 1, "bss_trans") == [("bss_trans", {"bss": 1, "status": status})]
-    # Each node's driver reported the station where it went, with the RSSI it hears it at there.
+    # Each node's driver reported the station's joins and leaves there: BSS index, RSSI, stations on it.
+    index = {"wlan0": 1, "wlan1": 2}
     for node in "AB":
-        wanted = [("join" if w == "join" else "leave", {"bss": 1 if v == "wlan0" else 2, "rssi": -60, "sta_num": 1
-                                                       if w == "join" else 0})
-                  for w, at, v in [JOIN_A] + then if w in ("join", "leave") and at == node]
+        wanted = [(what, {"bss": index[vap], "rssi": -60, "sta_num": int(what == "join")})
+                  for what, at, vap in [JOIN_A] + then if what in ("join", "leave") and at == node]
         assert events(lab, sinks[node], mac, len(wanted), "join", "leave") == wanted, node
 
 
