@@ -26,9 +26,10 @@ from pathlib import Path
 
 from lab.wire import (API_VERSION, BANDS, CAPS, CMD, COMMAND_RECORDS, COMMANDS, DAEMON_PORT, EV, EVENTS,
                       HEADER_SIZE, MAGIC, NLMSG_HEADER, REJECT_RECORD, bind_unix, check_socket_path,
-                      command_code, cstr, decode_event, event_code, mac_bytes, mac_text, netlink_message,
+                      command_code, decode_event, event_code, mac_bytes, mac_text, netlink_message,
                       radio_payload, sta_payload)
 
+# The protocol's names are the driver's too: `from lab.driver import EV` reads as what it is.
 __all__ = ["DriverDouble", "check_call", "BANDS", "CAPS", "EV", "CMD", "command_code", "event_code"]
 
 log = logging.getLogger("lab.driver")

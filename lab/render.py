@@ -113,10 +113,6 @@ def describe(rec, verbose=False):
     return f"{head}{kind} {json.dumps(rec)}"
 
 
-def _series(history, fmt):
-    return ", ".join(f"{at:g} s {fmt(v)}" for at, v in history) or "nothing seen"
-
-
 def world_words(rec):
     """A record of the radio world in words: "phone refused by B wlan1 (rssi -50, 1st time)"."""
     who, what, node = rec.get("station", rec["mac"]), rec["what"], rec.get("node")

@@ -519,7 +519,12 @@ class World:
 def block_limit(topology):
     """How long the lab lets a station be blocked on every BSS of its ESS: the Backoff time-out
     of the lab's configuration ("bandherd.boff_timeout", default 25) plus 2 seconds."""
-    return 2 + max(int(n.config.get("bandherd.boff_timeout", 25)) for n in topology.nodes)
+    def boff_timeout(node):
+        try:
+            return int(str(node.config.get("bandherd.boff_timeout", 25)), 0)
+        except ValueError:
+            return 25       # what the daemon reads from a value that is no number
+    return 2 + max(boff_timeout(n) for n in topology.nodes)
 
 
 def check_timeline(records, topology, limit, since=None, now=None):
