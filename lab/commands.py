@@ -71,7 +71,7 @@ def runs_here(name, help, *args):
 
 
 def find(name):
-    """The command named `name`; LabError-worthy ValueError when there is none."""
+    """The command named `name`; ValueError when there is none."""
     for c in COMMANDS:
         if c.name == name:
             return c
