@@ -69,8 +69,8 @@ def describe(rec, verbose=False):
         why = "" if rec.get("why") in ("step", None) else f"  [{rec.get('why')}]"
         who = f" {rec['station']}" if "station" in rec else ""
         bss = f" bss {rec['bss']} ({rec.get('vap')})" if "bss" in rec else ""
-        rest = "".join(f" {k} {rec[k]}" for k in ("rssi", "sta_num", "count", "status", "radio_index", "channel",
-                                                   "load") if k in rec)
+        rest = "".join(f" {k} {rec[k]}" for k in ("radio_index", "channel", "load", "rssi", "sta_num", "count",
+                                                   "status") if k in rec)
         return f"{head}event  {rec['node']} {rec['event']}{who}{bss}{rest}{why}{err}"
     if kind == "world":
         if rec["what"] in ("join", "leave", "add", "set", "rssi") and not verbose:

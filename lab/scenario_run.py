@@ -376,9 +376,9 @@ class Runner:
         if "bss_index" in f:
             vap = self.lab.driver(node).vap_at(f["bss_index"])
             rec.update(bss=f["bss_index"], vap=vap.mib if vap else None)
-        for key in ("rssi", "sta_num", "count", "status", "radio_index", "channel", "load"):
-            if key in f:
-                rec[key] = f[key]
+        keys = ("radio_index", "channel", "load", "sta_num") if "radio_index" in f else ("rssi", "sta_num", "count",
+                                                                                          "status")
+        rec.update({k: f[k] for k in keys if k in f})
         for key in ("why", "error"):
             if key in r:
                 rec[key] = r[key]

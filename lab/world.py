@@ -172,18 +172,22 @@ class World:
 
     def set_rssi(self, mac_address, rssi, node=None, vap=None, rate=None, why="command"):
         """The station hears a BSS (or, without one, every BSS without a value of its own) at
-        `rssi`; a change on its own BSS is reported at once (status event)."""
+        `rssi`, with `rate` its link rate from now on; a change of its own BSS's RSSI is
+        reported at once (status event)."""
+        rssi = self._checked({"rssi": rssi})["rssi"]
+
         def go():
             st = self._station(mac_address)
+            before = st.rssi_of(*st.on) if st.on else None
             if node is None:
-                st.rssi = self._checked({"rssi": rssi})["rssi"]
+                st.rssi = rssi
             else:
                 n, v = self._bss(node, vap, managed=False)
-                st.rssi_at[(n, v.ifname)] = self._checked({"rssi": rssi})["rssi"]
+                st.rssi_at[(n, v.ifname)] = rssi
             if rate is not None:
                 st.rate = rate
-            self._record(st, "rssi", rssi=rssi, node=node, vap=vap)
-            if st.on is not None:
+            self._record(st, "rssi", rssi=rssi, node=node, vap=vap, rate=rate)
+            if st.on is not None and st.rssi_of(*st.on) != before:
                 self._refresh(st, why)
         self.loop.call(go)
 
