@@ -1,4 +1,4 @@
-"""The lab controller: namespaces, driver doubles, mesh relay and daemons of one lab.
+"""The lab controller: namespaces, driver doubles, radio world, mesh relay and daemons of one lab.
 
 In a test:
 
@@ -9,8 +9,9 @@ In a test:
         lab.driver("A").sta_event("STA_JOIN", "02:aa:00:00:00:01", bss_index=1)
         lab.wait_for(lambda: lab.driver("A").commands("SET_STA"))
 
-The sockets of every node are served by one `Loop` thread. The control socket
-<lab>/control.sock (one JSON request a line, one JSON answer a line) lets the
+The sockets of every node, and the world's stations, are served by one `Loop`
+thread. The control socket <lab>/control.sock (one JSON request a line, one
+JSON answer a line: a command of lab/commands.py and its result) lets the
 command line (`python3 -m lab`) drive a running controller from another process.
 """
 
