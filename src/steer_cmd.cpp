@@ -23,6 +23,7 @@
 #include "steer_drv.h"
 #include "steer_ev.h"
 #include "steer_nei.h"
+#include "steer_ns.h"
 #include "steer_ven.h"
 
 namespace {
@@ -101,16 +102,28 @@ int scmd_ddbg(FILE *f, int argc, char **argv)
 int scmd_conf(FILE *f)
 {
     fprintf(f, "===== configs of steer_ctl =====\n");
-    fprintf(f, "error: the configuration of steer_ctl is not supported yet\n");
+    sctl_dump_config(f);
     fprintf(f, "\n===== configs of steer_ns =====\n");
-    fprintf(f, "error: the configuration of steer_ns is not supported yet\n");
+    sns_dump_config(f);
     fprintf(f, "\n===== configs of steer_act =====\n");
     sact_dump_config(f);
     fprintf(f, "\n===== configs of steer_btm =====\n");
     sbtm_dump_config(f);
     fprintf(f, "\n===== configs of steer_boff =====\n");
     sboff_dump_config(f);
-    return -1;
+    return 0;
+}
+
+int scmd_ol(FILE *f)
+{
+    for (int i = 1; i <= SAP_RADIO_MAX; i++) {
+        sap_radio_t *radio = &g_self.radios[i];
+        if (!radio->ctl)
+            continue;
+        fprintf(f, "\n[RADIO%d]\n", i);
+        sctl_print_radio(f, radio);
+    }
+    return 0;
 }
 
 int scmd_ap(FILE *f)
@@ -405,10 +418,50 @@ int scmd_bt(FILE *f, int argc, char **argv)
     return 0;
 }
 
-int scmd_not_yet(FILE *f, const char *word)
+int scmd_pt(FILE *f, int argc, char **argv)
 {
-    fprintf(f, "error: '%s' is not supported yet\n", word);
-    return -1;
+    if (argc != 3) {
+        fprintf(f, "error: need 2 arguments\n");
+        return -1;
+    }
+    bool add = strcmp(argv[1], "add") == 0;
+    if (!add && strcmp(argv[1], "del") != 0) {
+        scmd_help(f);
+        return -1;
+    }
+    uint8_t mac[MAC_LEN];
+    if (scmd_str_to_mac(f, argv[2], mac) != 0)
+        return -1;
+    if ((add ? sctl_add_protected_sta(mac) : sctl_removel_protected_sta(mac)) != 0) {
+        fprintf(f, "Failed\n");
+        return -1;
+    }
+    return 0;
+}
+
+int scmd_ns(FILE *f, int argc, char **argv)
+{
+    if (argc != 2) {
+        fprintf(f, "error: need 1 argument!\n");
+        return -1;
+    }
+    uint8_t mac[MAC_LEN];
+    if (scmd_str_to_mac(f, argv[1], mac) != 0)
+        return -1;
+    ssta_status_t *sta = ssta_find(mac);
+    if (!sta) {
+        fprintf(f, "error: can't find " MAC_FMT "\n", MAC_ARG(mac));
+        return -1;
+    }
+    if (!scmd_managed(sta)) {
+        fprintf(f, "error: " MAC_FMT " is not associated\n", MAC_ARG(mac));
+        return -1;
+    }
+    if (sns_start_measure(sta, nullptr) != 0) {
+        fprintf(f, "Failed\n");
+        return -1;
+    }
+    return 0;
 }
 
 // Writes all of `text` to the non-blocking pipe, waiting for the reader
@@ -556,8 +609,12 @@ int scmd_execute(FILE *f, char *line)
         return scmd_br(f, argc, argv);
     if (strcmp(cmd, "bt") == 0)
         return scmd_bt(f, argc, argv);
-    if (strcmp(cmd, "ol") == 0 || strcmp(cmd, "pt") == 0 || strcmp(cmd, "ns") == 0)
-        return scmd_not_yet(f, cmd);
+    if (strcmp(cmd, "ol") == 0)
+        return scmd_ol(f);
+    if (strcmp(cmd, "pt") == 0)
+        return scmd_pt(f, argc, argv);
+    if (strcmp(cmd, "ns") == 0)
+        return scmd_ns(f, argc, argv);
     fprintf(f, "error: unsupported command '%s'\n", cmd);
     return -1;
 }
@@ -658,6 +715,7 @@ bool scmd_print_sta(ssta_status_t *sta, void *arg)
     ssta_print(a->f, sta);
     sctl_print_sta(a->f, sta);
     sblock_print(a->f, sta, a->detail);
+    sns_print_sta(a->f, sta, a->detail);
     sact_print_sta(a->f, sta, a->detail);
     sbtm_print_sta(a->f, sta, a->detail);
     sboff_print_sta(a->f, sta, a->detail);
