@@ -235,9 +235,11 @@ COMMAND_ERRORS = [
     (["bt", mac(1), A_24, "x"], "error: invalid channel 'x'\n"),
     (["bt", "02:aa:00:00:09:09", A_24, "6"], "error: 02:aa:00:00:09:09 has not associated to managed bss\n"),
     (["bt", mac(1), "02:00:00:00:0f:01", "6"], "error: can't find bssid 02:00:00:00:0f:01\n"),
-    (["pt", "add", mac(1)], "error: 'pt' is not supported yet\n"),
-    (["ns", mac(1)], "error: 'ns' is not supported yet\n"),
-    (["ol"], "error: 'ol' is not supported yet\n"),
+    (["pt", "add"], "error: need 2 arguments\n"),
+    (["pt", "del", "02:aa:00:00:09:09"], "Failed\n"),
+    (["ns"], "error: need 1 argument!\n"),
+    (["ns", "02:aa:00:00:09:09"], "error: can't find 02:aa:00:00:09:09\n"),
+    (["ns", mac(1)], "Failed\n"),  # no radio measurement capability
     (["nosuch"], "error: unsupported command 'nosuch'\n"),
 ]
 

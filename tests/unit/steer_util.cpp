@@ -11,6 +11,7 @@
 #include "steer_ctl.h"
 #include "steer_msg.h"
 #include "steer_nei.h"
+#include "steer_rate.h"
 #include "test_util.h"
 
 const uint8_t STA[6] = {0x02, 0xaa, 0, 0, 0, 0x01};
@@ -22,18 +23,24 @@ const uint8_t BSS_5[6] = {0x02, 0, 0, 0, 0, 0x02};
 const uint8_t BSS_B[6] = {0x02, 0, 0, 0, 0x0b, 0x01};
 const uint8_t BSS_C[6] = {0x02, 0, 0, 0, 0x0c, 0x01};
 
-steer_node::steer_node()
+steer_node::steer_node(const std::string &conf, const test_node &def)
+    : conf_(conf.empty() ? nullptr : new conf_file(conf))
 {
     fake_cm_reset();
     fake_platform_reset();
     memcpy(g_fake_self_mac, SELF_ID, 6);
     fake_uwb_reset();
-    build_node(g_self);
+    build_node(g_self, def);
+    for (sap_bss_t *bss : g_self.managed_bss) {
+        if (bss)
+            bss->sta_max = 32;
+    }
     mac_copy(g_self.node_id, SELF_ID);
     g_time = 1000;
     smsg_init();
     snei_init();
     ssta_init();
+    srate_init();
     sctl_init();
     slog_set_level(nullptr, SLOG_DUMP);  // the steering modules' decisions are logged at dump level
 }
@@ -45,12 +52,13 @@ steer_node::~steer_node()
     slog_set_level(nullptr, SLOG_INFO);
     sctl_exit();
     ssta_exit();
+    srate_exit();
     snei_exit();
     smsg_exit();
     fake_cm_reset();
 }
 
-void sta_event(uint8_t code, const uint8_t *mac, uint8_t bss, int8_t rssi, uint32_t caps)
+void sta_event(uint8_t code, const uint8_t *mac, uint8_t bss, int8_t rssi, uint32_t caps, uint8_t load)
 {
     maps_msg_sta_t m = {};
     memcpy(m.mac, mac, 6);
@@ -59,6 +67,7 @@ void sta_event(uint8_t code, const uint8_t *mac, uint8_t bss, int8_t rssi, uint3
     m.caps = caps;
     m.rssi = rssi;
     m.nss = 2;
+    m.load = load;
     m.sta_num = 1;
     nl_deliver(code, &m, sizeof(m));
 }
@@ -119,4 +128,23 @@ void reject(const uint8_t *mac, uint8_t bss, uint8_t count, int8_t rssi)
     r.count = count;
     r.rssi = rssi;
     nl_deliver(MAPS_EV_REJECT, &r, sizeof(r));
+}
+
+void radio_status(uint8_t radio, uint8_t load, uint8_t sta_num)
+{
+    g_self.radios[radio].load = load;
+    g_self.radios[radio].sta_num = sta_num;
+    sctl_radio_status_event(&g_self.radios[radio]);
+}
+
+std::string print(void (*printer)(FILE *, ssta_status_t *), ssta_status_t *sta)
+{
+    char *text = nullptr;
+    size_t size = 0;
+    FILE *f = open_memstream(&text, &size);
+    printer(f, sta);
+    fclose(f);
+    std::string out(text, size);
+    free(text);
+    return out;
 }
