@@ -291,9 +291,10 @@ def test_a_scenario_replays_and_its_timeline_shows_its_steps_and_the_daemons_ans
     i = find("leave on B", event("B", "STA_LEAVE", "step"), i)
     find("disassociation by B", announced("B", 0), i)
     # Between the join and the roam the station reported its status as a driver does, every 2 s.
-    status = [r for r in recs if r["kind"] == "event" and r["why"] == "status"]
+    status = [r for r in recs if r["kind"] == "event" and r.get("why") == "status"]
     assert status and all(r["sta_num"] == 1 for r in status)
-    assert summary["driver_actions"] == {"kick_sta": 1}
+    # Its weakening signal on A also had A ask it for beacon reports.
+    assert summary["driver_actions"].get("kick_sta") == 1
     assert summary["stations"] == {n: {"wlan0": [], "wlan1": []} for n in ("A", "B", "C")}
     assert [c["wlan1"] for _, c in summary["world_counts"]["A"]] == [0, 1, 0]
     assert summary["neighbours"]["A"][-1][1] == ["B", "C"]

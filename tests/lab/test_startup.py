@@ -157,9 +157,11 @@ def test_log_path_and_time_prefix_settings(bandherd, node, log_time, prefixed):
 def test_sigterm_ends_a_daemon_busy_logging_every_time(bandherd, node):
     """The exit never runs inside an interrupted log line: a daemon flooded with
     station events, logging each at dump level with the time prefix, always
-    ends within a second of SIGTERM, with status 0."""
+    ends within a second of SIGTERM, with status 0. The stations' signal stays
+    between the steering thresholds: a steer would pause the daemon around its
+    BSS transition request."""
     from lab.driver import EV, netlink_message, sta_payload
-    events = [netlink_message(EV["STA_STATUS"], sta_payload(f"02:5e:00:00:00:{i:02x}", 1, rssi=-40 - i))
+    events = [netlink_message(EV["STA_STATUS"], sta_payload(f"02:5e:00:00:00:{i:02x}", 1, rssi=-56 - i % 12))
               for i in range(64)]
     target = str(node.var.path("/var/run/maps/nl-3333"))
     sender = node.lab.driver("A").nl  # the driver's own endpoint, as the events' sender
