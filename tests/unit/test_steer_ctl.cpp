@@ -263,3 +263,47 @@ TEST(Sctl, ProtectedStationsAreNeverSteered)
 }
 
 }  // namespace
+
+namespace {
+
+// Ten thousand stations pass through the node, a few at a time, some of them
+// steered on their way: the table keeps what steering still needs, lets go of
+// the rest, and never refuses a newcomer.
+TEST(Sctl, TenThousandPassingStationsNeverFillTheTable)
+{
+    steer_node node("bandherd.pt_sta=02:bb:00:00:00:01\n");
+    slog_set_level(nullptr, SLOG_ERROR);
+    int refused = 0, most = 0;
+    for (int i = 0; i < 10000; i++) {
+        const uint8_t mac[6] = {0x02, 0xcc, 0, (uint8_t)(i >> 16), (uint8_t)(i >> 8), (uint8_t)i};
+        ssta_status_t *sta = join(mac, 1, -60);
+        if (!sta) {
+            refused++;
+            continue;
+        }
+        if (i % 50 == 0) {  // strong on 2.4 GHz: an upgrade, left unanswered
+            sta_event(MAPS_EV_STA_STATUS, mac, 1, -50);
+            sta_event(MAPS_EV_STA_STATUS, mac, 1, -50);
+        }
+        sta_event(MAPS_EV_STA_LEAVE, mac, 1, -60);
+        if (i % 5 == 4)
+            tick(1);
+        most = std::max(most, ssta_get_count());
+    }
+    EXPECT_EQ(refused, 0);
+    EXPECT_LE(most, 256);
+    // Two collections later only what steering still needs is left: the
+    // protected station, and stations that ran from a steer (prohibited for hours).
+    tick(180);
+    ssta_iterate(
+        [](ssta_status_t *sta, void *) {
+            int i = sta->mac[3] << 16 | sta->mac[4] << 8 | sta->mac[5];
+            EXPECT_TRUE(sta->mac[1] == 0xbb || i % 50 == 0) << i;
+            return false;
+        },
+        nullptr);
+    const uint8_t protected_mac[6] = {0x02, 0xbb, 0, 0, 0, 0x01};
+    EXPECT_NE(ssta_find(protected_mac), nullptr);
+}
+
+}  // namespace
