@@ -26,7 +26,7 @@ from lab.driver import API_VERSION, check_call
 from lab.relay import check_seconds
 from lab.sandbox import exit_text, parse_signal
 from lab.wire import command_code, event_code
-from lab.world import BEACON_BEHAVIOURS, BTM_BEHAVIOURS
+from lab.world import BEACON_BEHAVIOURS, BTM_BEHAVIOURS, PATH_STEP
 
 
 @dataclass(frozen=True)
@@ -44,7 +44,8 @@ class Command:
 
 COMMANDS = []
 GROUPS = {
-    "world": "stations that answer like real ones: add | set | join | roam | leave | rssi | show | timeline | check",
+    "world": "stations that answer like real ones: add | set | join | roam | leave | rssi | walk | radio | show "
+             "| timeline | check",
     "relay": "mesh faults: drop | delay | loss | partition | heal | clear | show",
 }
 
@@ -478,6 +479,28 @@ def world_rssi(lab, req):
     _node_vap(req, "rssi")
     lab.world.set_rssi(req["mac"], req["rssi"], req.get("node"), req.get("vap"), req.get("rate"))
     return lab.world.show(req["mac"])
+
+
+@served("world walk", "the station walks a path: its RSSI towards BSSes over time, from now",
+        arg("mac"), arg("path", help='JSON as in a scenario: [{"at": 0, "rssi_at": {"A": -50, "B": -85}}, '
+                                     '{"at": 30, "rssi_at": {"A": -85, "B": -50}}]'),
+        arg("--step", type=number(0.1, 60, kind=float), help="seconds between the RSSIs it hears (default 1)"),
+        show=lambda _, args: print(f"{args.mac} walks its path"))
+def world_walk(lab, req):
+    try:
+        path = json.loads(req["path"]) if isinstance(req["path"], str) else req["path"]
+    except ValueError as e:
+        raise ValueError(f"world walk: the path is not JSON: {e}") from None
+    lab.world.walk(req["mac"], path, req.get("step") or PATH_STEP)
+
+
+@served("world radio", "a node's radio: its channel, base load and base station count; its driver reports it",
+        arg("node"), arg("radio", help="its name in the topology"), arg("--channel", type=BYTE),
+        arg("--load", type=number(0, 100), help="channel utilisation, %%, besides its stations' load"),
+        arg("--sta-num", type=BYTE, help="stations besides the world's"),
+        show=lambda index, args: print(f"{args.node} {args.radio} (radio {index}) reported"))
+def world_radio(lab, req):
+    return lab.driver(req["node"]).set_radio(req["radio"], req.get("channel"), req.get("load"), req.get("sta_num"))
 
 
 @served("world show", "where each station is, its behaviours, its blocks per node, its lock-out, its plans",

@@ -16,7 +16,7 @@ from pathlib import Path
 from lab import daemonlog, netns, render, scenario_check, topology as topo_mod
 from lab.commands import arg, runs_here, show_nodes
 from lab.controller import Lab, LabError, check_dir, control_request, controller_pid, default_dir, teardown
-from lab.sandbox import REPO, daemon_binary, wait_until
+from lab.sandbox import REPO, STEER_CLI, daemon_binary, wait_until
 from lab.scenario_run import MeshView
 
 READY = r"bandherd is ready\."
@@ -233,9 +233,6 @@ def cmd_exec(args):
     if argv and argv[0] == "--":
         argv = argv[1:]
     exec_in_node(args, argv)
-
-
-STEER_CLI = Path(__file__).resolve().parents[1] / "tools" / "steer_cli.sh"
 
 
 @runs_here("cli", "run the operator's front end tools/steer_cli.sh inside a node: cli A sta -l", arg("node"),

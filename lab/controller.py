@@ -32,7 +32,7 @@ from lab.driver import DriverDouble
 from lab.journal import Journal
 from lab.loop import Loop
 from lab.relay import Relay
-from lab.sandbox import daemon_binary, exit_text, wait_until
+from lab.sandbox import STEER_CLI, daemon_binary, exit_text, wait_until
 from lab.scenario_run import Runner
 from lab.wire import DAEMON_PORT, SUN_PATH_MAX
 from lab.world import World
@@ -316,6 +316,20 @@ class Lab:
     def sh(self, name, script):
         """Runs a shell script in node `name` and returns its output (raises when it fails)."""
         return self.ns.node_sh(self.node(name).name, script)
+
+    def cli(self, name, *args, timeout=30.0):
+        """Runs the operator's front end (tools/steer_cli.sh) in node `name` with `args`; returns
+        its exit status and its output (standard output and error)."""
+        if self.ns is None:
+            raise LabError("this lab has no node namespaces: the front end cannot run in it")
+        p = self.run(name, ["sh", str(STEER_CLI), *args], stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+        try:
+            out, _ = p.communicate(timeout=timeout)
+        except subprocess.TimeoutExpired:
+            p.kill()
+            p.communicate()
+            raise TimeoutError(f"steer_cli.sh {' '.join(args)} in {name} did not end in {timeout:g} s") from None
+        return p.returncode, out.decode(errors="replace")
 
     # -- driver and mesh --------------------------------------------------------
 

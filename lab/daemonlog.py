@@ -53,6 +53,11 @@ def neighbour_change(line):
     return None
 
 
+def ready_count(text):
+    """How many daemon runs a whole log tells of that became ready."""
+    return sum(1 for raw in text.splitlines() if (line := parse(raw)) is not None and READY.match(line.text))
+
+
 def neighbour_table(text):
     """The ids in the neighbour table of the latest daemon run a whole log tells of
     (a set), or None when no run became ready."""

@@ -44,6 +44,11 @@ def step_words(rec):
     elif do == "send":
         text = f"the lab's mesh daemon sends {rec.get('type')} to {rec.get('to')}" \
             + (f" as {rec['from']}" if rec.get("from") else "")
+    elif do == "cli":
+        args = rec.get("words") or rec.get("args") or []
+        said = (rec.get("output") or "").strip().splitlines()
+        text = f"{node}'s operator runs steer_cli.sh {' '.join(args if isinstance(args, list) else [args])}" \
+            + (f": {said[0]}" + (f" (+{len(said) - 1} lines)" if len(said) > 1 else "") if said and not rec.get("error") else "")
     else:
         text = json.dumps(rec)
     note = f"  ({rec['note']})" if rec.get("note") else ""
@@ -131,6 +136,9 @@ def world_words(rec):
         "locked_out": lambda: f"{who} is refused everywhere; tries again in {rec.get('retry_after')} s",
         "block": lambda: f"{who} blocked by {node} on {'+'.join(rec.get('vaps', []))}",
         "unblock": lambda: f"{who} no longer blocked by {node} ({rec.get('mode')})",
+        "walk": lambda: f"{who} walks a path of {rec.get('points')} points, to {rec.get('until'):g} s",
+        "rssi": lambda: f"{who} hears " + (", ".join(f"{n} {v} {r}" for n, v, r in rec["heard"]) if "heard" in rec
+                                           else f"{bss if node else 'every BSS'} at {rec.get('rssi')}"),
     }
     return words[what]() if what in words else f"{who} {what} " + json.dumps(
         {k: v for k, v in rec.items() if k not in ("kind", "what", "mac", "station", "at", "t", "mono")})

@@ -66,6 +66,19 @@ CONFIG_KEYS = (
     # steering actions
     "bandherd.btm_dual_band", "bandherd.en_btm_fb", "bandherd.seesaw_interval", "bandherd.seesaw_tolerance",
     "bandherd.fb_rssi_dither",
+    # the steering controller: the driver's association control, RSSI triggers, load, protected stations
+    "bandherd.reject_probe", "bandherd.en_pre_up", "bandherd.en_pre_down", "bandherd.en_pre_ol",
+    "bandherd.en_post_up", "bandherd.en_post_down", "bandherd.en_post_ol", "bandherd.lrssi_2", "bandherd.hrssi_2",
+    "bandherd.lrssi_5", "bandherd.mode", "bandherd.lrssi_down_5", "bandherd.probe_age", "bandherd.reject_age",
+    "bandherd.active_slot", "bandherd.active_flow", "bandherd.hload_2", "bandherd.hload_5", "bandherd.hsta_2",
+    "bandherd.hsta_5", "bandherd.ssta_2", "bandherd.ssta_5", "bandherd.sload_2", "bandherd.sload_5",
+    "bandherd.load_trigger", "bandherd.ol_interval", "bandherd.band_safe_rssi_5", "bandherd.delay_reject_probe",
+    "bandherd.delay_reject_auth", "bandherd.delay_reject_age", "bandherd.delay_reject_stanum", "bandherd.pt_sta",
+    "weft.node_steering",
+    # neighbour selection by beacon reports
+    "bandherd.best_cand_reconfirm", "bandherd.full_measure", "bandherd.rcpi_trans", "bandherd.rcpi_estimate",
+    "bandherd.br_interval", "bandherd.br_burst", "bandherd.br_timeout", "bandherd.ap_safe_rssi_5",
+    "bandherd.ap_tg_ratio", "bandherd.rssi_delta",
 )
 
 _MAC = re.compile(r"[0-9a-f]{2}(:[0-9a-f]{2}){5}")

@@ -5,7 +5,7 @@ drivers send back on each node's netlink end, and the stations' timelines."""
 import pytest
 
 from lab.sandbox import REPO
-from lab.world import check_timeline
+from lab.world import check_timeline, path_at
 from lab import topology
 from standins import (BLOCK_BSS, BLOCK_DEFAULT, BLOCK_DISABLE, daemon_start, mac_bytes, set_config, set_radio,
                       set_sta, stand_in_lab, steer_maps, uwb)
@@ -241,3 +241,45 @@ def test_the_timeline_has_the_drivers_blocks_and_an_associated_station_reports_s
     on_5 = lambda: [f for _, f in sinks["A"].of(mac, "status") if f["bss"] == 2]    # noqa: E731
     lab.wait_for(lambda: len(on_5()) >= 3)
     assert {(f["rssi"], f["sta_num"]) for f in on_5()} == {(-60, 1)}
+
+
+A, B = ("A", "wl5g0"), ("B", "wl5g0")
+PATH_CASES = [
+    # seconds into the path, and what the station hears then of the BSSes the path names
+    (-1, {}),                                         # before the path: nothing from it
+    (0, {A: -50, B: -90}),
+    (5, {A: -70, B: -70}),                            # half way along both lines
+    (7.5, {A: -80, B: -60}),
+    (10, {A: -90, B: -50}),
+    (11, {A: -90, B: -48}),                           # A held; B on to its point at 20 s; C from 12 s
+    (12, {A: -90, B: -46, ("C", "wl2g0"): -40}),
+    (16, {A: -90, B: -38, ("C", "wl2g0"): -40}),
+    (99, {A: -90, B: -30, ("C", "wl2g0"): -40}),
+]
+
+
+def test_a_path_is_followed_on_straight_lines_between_the_points_that_name_a_bss():
+    points = [(0, {A: -50, B: -90}), (10, {A: -90, B: -50}), (12, {("C", "wl2g0"): -40}), (20, {B: -30})]
+    assert [path_at(points, at) for at, _ in PATH_CASES] == [heard for _, heard in PATH_CASES]
+
+
+def test_a_walking_station_is_reported_as_it_goes_and_goes_where_its_path_led(air):
+    lab, sinks = air
+    mac = station(lab, 60, where=("A", "wlan1"))
+    with pytest.raises(ValueError, match="point 2 of the path comes at 0 s, not after"):
+        lab.world.walk(mac, [{"at": 0, "rssi_at": {"A": -50}}, {"at": 0, "rssi_at": {"A": -60}}])
+    with pytest.raises(ValueError, match="node A has no VAP 'wlan7'"):
+        lab.world.walk(mac, [{"at": 0, "rssi_at": {"A": {"wlan7": -50}}}])
+    lab.world.walk(mac, [{"at": 0, "rssi_at": {"A": {"wlan1": -50}, "C": -90}},
+                         {"at": 1, "rssi_at": {"A": {"wlan1": -90}, "C": -40}}], step=0.2)
+    settled(lab, mac)       # the walk is over
+    # A's driver reported each change of the RSSI on its own BSS, on the line from -50 to -90.
+    heard = [f["rssi"] for _, f in sinks["A"].of(mac, "status")]
+    assert heard[0] == -50 and heard[-1] == -90 and len(heard) >= 3
+    assert heard == sorted(set(heard), reverse=True)
+    # Kicked, it goes to the strongest BSS it hears now: one of C's.
+    assert uwb(lab.node_dir("A"), f"kick_sta wlan1 {mac}") == "0"
+    settled(lab, mac)
+    assert lab.world.where(mac) == ("C", "wlan0")
+    assert [r["heard"] for r in lab.world.timeline(mac) if r["what"] == "rssi"][-1] == [
+        ["A", "wlan1", -90], ["C", "wlan0", -40], ["C", "wlan1", -40]]
