@@ -27,7 +27,7 @@ import threading
 import time
 from pathlib import Path
 
-from lab import commands, netns, scenario_check, topology as topo_mod
+from lab import commands, netns, scenario_check, summary as summary_mod, topology as topo_mod
 from lab.driver import DriverDouble
 from lab.journal import Journal
 from lab.loop import Loop
@@ -363,6 +363,11 @@ class Lab:
         """The world's lock-out check over everything so far (or since `since`, monotonic):
         {"blocked_everywhere": {mac: s}, "lockouts": {mac: [s, ...]}, "problems": [...], "limit": s}."""
         return self.world.check(since)
+
+    def summary(self, since=None, names=None):
+        """What the daemons' steering did so far (or since `since`, monotonic): every steer and the
+        figures (see lab/summary.py); `names` ({mac: name}) names stations."""
+        return summary_mod.of_lab(self, since, names)
 
     def wait_for(self, predicate, timeout=10.0, step=0.02):
         """Polls `predicate` until it returns something true and returns that; TimeoutError otherwise."""

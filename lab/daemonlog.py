@@ -21,6 +21,10 @@ OFFLINE = re.compile(rf"^neighbor ({_MAC}) is offline$")
 AGED = re.compile(rf"^node ({_MAC}) is aged$")
 
 
+# A record of the steering log (/var/run/steer.log): the time, then the function and the text.
+_STEER_LINE = re.compile(r"^(?P<epoch>\d+) \d\d/\d\d \d\d:\d\d:\d\d (?P<func>\w+):(?P<line>\d+), (?P<text>.*)$")
+
+
 @dataclass
 class Line:
     level: str
@@ -37,6 +41,14 @@ def parse(raw):
         return None
     return Line(level=m["level"], func=m["func"], text=m["text"],
                 epoch=int(m["epoch"]) if m["epoch"] else None, raw=raw.rstrip("\n"))
+
+
+def parse_steer(raw):
+    """A record of the steering log as a Line of level "steer", or None."""
+    m = _STEER_LINE.match(raw.rstrip("\n"))
+    if not m:
+        return None
+    return Line(level="steer", func=m["func"], text=m["text"].rstrip(), epoch=int(m["epoch"]), raw=raw.rstrip("\n"))
 
 
 def neighbour_change(line):

@@ -21,7 +21,7 @@ import threading
 import time
 from pathlib import Path
 
-from lab import daemonlog
+from lab import daemonlog, summary
 from lab.sandbox import exit_text
 from lab.scenario_check import MESH_WAIT, POLL, QUERIES, TIMELINE, ScenarioError, check_against, cli_words
 from lab.topology import BROADCAST
@@ -138,11 +138,14 @@ class Runner:
         self.view = MeshView(self.topology)
         self.names = {plan.mac: name for name, plan in scenario.stations.items()}
         self.world_history = {n.name: [] for n in self.topology.nodes}
+        self.lines = {n.name: [] for n in self.topology.nodes}      # the daemons' log lines during the run
         self._counts = None
         self._stop = threading.Event()
         self._thread = None
         self._file = None
         self._base = None
+        self._started = None        # monotonic time the run began
+        self._world_start = None    # the world's journal position then
         self._held = None           # records kept back while waiting for the mesh
         self._step_records = None   # records a step makes, written after the step's own
         self.failed = []
@@ -210,9 +213,11 @@ class Runner:
         self._base = self._started = time.monotonic()
         mesh, self._mesh_pos = lab.mesh_journal.since(0)
         self._driver_pos = {n.name: lab.driver(n.name).journal.since(0)[1] for n in self.topology.nodes}
-        self._world_pos = self.world.journal.since(0)[1]
+        self._world_pos = self._world_start = self.world.journal.since(0)[1]
         self._tails = {n.name: daemonlog.Tail(lab.node_dir(n.name) / "bandherd.log")
                        for n in self.topology.nodes}
+        self._steer_tails = {n.name: daemonlog.Tail(lab.node_dir(n.name) / "run" / "steer.log")
+                             for n in self.topology.nodes}
         self._daemons = {n.name: self._daemon_state(n.name) for n in self.topology.nodes}
         neighbours, counts = {}, {}
         for n in self.topology.nodes:
@@ -339,8 +344,16 @@ class Runner:
             recs, self._driver_pos[n.name] = self.lab.driver(n.name).journal.since(self._driver_pos[n.name])
             batch += [rec for rec in (self._driver_record(n.name, r) for r in recs) if rec is not None]
             now = time.monotonic()
+            for raw in self._steer_tails[n.name].lines():
+                line = daemonlog.parse_steer(raw)
+                if line is not None:
+                    self.lines[n.name].append(line)
+                    batch.append({"kind": "log", "node": n.name, "mono": now, "level": "steer", "func": line.func,
+                                  "text": line.text})
             for raw in self._tails[n.name].lines():
                 line = daemonlog.parse(raw)
+                if line is not None:
+                    self.lines[n.name].append(line)
                 if line is None or not (line.level in ("fatal", "error", "warning", "info")
                                         or daemonlog.AGED.match(line.text)):
                     continue
@@ -542,16 +555,19 @@ class Runner:
                 name = r.get("call") or r.get("cmd") or r.get("netlink")
                 actions[name] = actions.get(name, 0) + 1
         at = round(self.now(), 3) if self._base else 0.0
-        report = self.lab.check(since=getattr(self, "_started", None))
+        report = self.lab.check(since=self._started)
         for problem in report["problems"]:
             self.failed.append({"n": "-", "do": "check", "at": at, "error": problem})
         stations = {n.name: {v.mib: [] for v in n.vaps} for n in self.topology.nodes}
         for st in self.world.show():
             if st["mac"] in self.names and st["where"]:
                 stations[st["where"][0]][st["where"][1]].append(self.names[st["mac"]])
+        world = self.world.journal.since(self._world_start)[0] if self._world_start is not None else []
+        steering = summary.of_records(world, self.topology, self.lines, since=self._started, origin=self._base,
+                                      names=self.names)
         return {"kind": "summary", "scenario": self.sc.name, "at": at,
                 "stopped": self._stop.is_set(), "steps": sum(1 for r in self.records if r["kind"] == "step"),
                 "failed": self.failed, "stations": stations, "world_counts": self.world_history,
                 "heartbeat_counts": self.view.count_history, "neighbours": self.view.neighbour_history,
-                "messages": messages, "driver_actions": actions, "check": report,
+                "messages": messages, "driver_actions": actions, "check": report, "steering": steering,
                 "daemons": {n.name: self._daemon_state(n.name) for n in self.topology.nodes}}

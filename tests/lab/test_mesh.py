@@ -111,7 +111,7 @@ class Mesh:
 
 
 @pytest.fixture(scope="module")
-def mesh(bandherd):
+def mesh(bandherd, steering_report):
     raw = json.loads(TOPOLOGY.read_text())
     c = next(n for n in raw["nodes"] if n["name"] == "C")
     c["backhaul"]["rate"] = UPLINK_RATE
@@ -132,6 +132,7 @@ def mesh(bandherd):
     finally:
         if echoes is not None:
             echoes.stop()
+        steering_report(lab)
         lab.down()
         shutil.rmtree(lab_dir, ignore_errors=True)
 

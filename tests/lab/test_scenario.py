@@ -115,10 +115,11 @@ def test_a_daemon_log_tells_the_neighbour_table_of_its_latest_run(tmp_path):
 
 
 @pytest.fixture(scope="module")
-def stand_ins():
+def stand_ins(steering_report):
     """A three-node lab without namespaces: A and B have stand-in daemons, C has none."""
     with stand_in_lab(THREE, "AB") as lab_and_sinks:
         yield lab_and_sinks
+        steering_report(lab_and_sinks[0])
 
 
 def test_scenario_stations_live_in_the_world_report_as_drivers_do_and_a_kicked_one_leaves(stand_ins):

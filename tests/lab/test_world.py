@@ -2,8 +2,11 @@
 a daemon sends (MAPS commands and Wi-Fi calls over each node's uwb socket) and reads what the
 drivers send back on each node's netlink end, and the stations' timelines."""
 
+import time
+
 import pytest
 
+from lab import daemonlog, summary
 from lab.sandbox import REPO
 from lab.world import check_timeline, path_at
 from lab import topology
@@ -19,10 +22,11 @@ FAST = {"answer_delay": 0.05, "move_delay": 0.1, "return_after": 0.3, "retry_aft
 
 
 @pytest.fixture(scope="module")
-def air():
+def air(steering_report):
     """A three-node lab without namespaces: drivers, world, and a stand-in daemon on every node."""
     with stand_in_lab(THREE, "ABC") as air:
         yield air
+        steering_report(air[0])
 
 
 @pytest.fixture(autouse=True)
@@ -283,3 +287,55 @@ def test_a_walking_station_is_reported_as_it_goes_and_goes_where_its_path_led(ai
     assert lab.world.where(mac) == ("C", "wlan0")
     assert [r["heard"] for r in lab.world.timeline(mac) if r["what"] == "rssi"][-1] == [
         ["A", "wlan1", -90], ["C", "wlan0", -40], ["C", "wlan1", -40]]
+
+
+def test_the_steering_summary_tells_each_steer_from_the_worlds_records_and_the_nodes_logs(air):
+    lab, _ = air
+    since, second = time.monotonic(), int(time.time())
+    up = station(lab, 70, btm="obey")                              # on A's 2.4 GHz BSS
+    back = station(lab, 71, btm="reject", rssi_at={"B": {"wlan0": -50}})
+    plain = station(lab, 72, caps=HT, rssi_at={"B": {"wlan0": -50}})
+    for mac in (up, back):
+        assert uwb(lab.node_dir("A"), f"bss_trans_req wlan0 {mac} {B_5} 44") == "0"
+    settled(lab, back)
+    # A falls back to Backoff for `back`: every BSS blocked but B's 5 GHz one, then a kick.
+    for node, bits in (("A", 0b110), ("B", 0b010), ("C", 0b110)):
+        set_sta(lab, node, back, BLOCK_BSS, bits)
+    assert uwb(lab.node_dir("A"), f"kick_sta wlan0 {back}") == "0"
+    # And Backoff for `plain`, towards C's 5 GHz BSS, but B and C do not block it: it goes to B.
+    blocked = int(time.time())
+    set_sta(lab, "A", plain, BLOCK_BSS, 0b110)
+    assert uwb(lab.node_dir("A"), f"kick_sta wlan0 {plain}") == "0"
+    # The operator's Backoff steer of `forced` to B's 5 GHz BSS: only the command channel's result tells why.
+    forced = station(lab, 73, caps=HT)
+    for node, bits in (("A", 0b110), ("B", 0b010), ("C", 0b110)):
+        set_sta(lab, node, forced, BLOCK_BSS, bits)
+    assert uwb(lab.node_dir("A"), f"kick_sta wlan0 {forced}") == "0"
+    for mac in (up, back, plain, forced):
+        settled(lab, mac)
+    logs = {"A": [daemonlog.parse_steer(f"{second} 01/01 00:00:00 sbtm_steer:1, [steer trigger] from {why}, "
+                                        f"sta {mac} steer to bss {B_5}") for why, mac in (("HIGH_RSSI", up),
+                                                                                          ("CMD", back))]
+            + [daemonlog.parse(f"{second} 01/01 00:00:00 debug sctl_low_rssi_event:1, low rssi of {plain}, -80dBm"),
+               daemonlog.parse(f"{blocked} 01/01 00:00:00 info sboff_steer:1, try to steer {plain} to {C_5} "
+                               "with Backoff, rssi: -80dBm"),
+               daemonlog.parse(f"{int(time.time())} 01/01 00:00:00 info scmd_act_result:1, steer {forced} to {B_5} "
+                               "success")]}
+    found = summary.of_records(lab.world.timeline(), lab.topology, logs, since=since,
+                               names={up: "up", back: "back", plain: "plain", forced: "forced"})
+    assert [(s["station"], s["node"], s["mechanism"], s["reason"], s["fallback"], s["target_node"], s["target_vap"],
+             s["outcome"], s["ended_on"]) for s in found["steers"]] == [
+        ("up", "A", "BTM", "HIGH_RSSI", False, "B", "wlan1", "success", ["B", "wlan1"]),
+        ("back", "A", "BTM", "CMD", False, "B", "wlan1", "failure", None),
+        ("back", "A", "Backoff", "CMD", True, "B", "wlan1", "success", ["B", "wlan1"]),
+        ("plain", "A", "Backoff", "LOW_RSSI", False, "C", "wlan1", "failure", ["B", "wlan0"]),
+        ("forced", "A", "Backoff", "CMD", False, "B", "wlan1", "success", ["B", "wlan1"])]
+    times = [s["time"] for s in found["steers"] if s["time"] is not None]
+    assert all(t >= FAST["move_delay"] for t in times)     # each moved only after its move delay
+    f = found["figures"]
+    assert (f["steers"], f["succeeded_in_all"]) == (5, 3)
+    assert f["attempted"] == {"BTM": {"HIGH_RSSI": 1, "CMD": 1}, "Backoff": {"CMD": 2, "LOW_RSSI": 1}}
+    assert f["succeeded"] == {"BTM": {"HIGH_RSSI": 1}, "Backoff": {"CMD": 2}}
+    assert f["median_time"] == sorted(times)[1]
+    assert f["longest_lockout"][0] in ("back", "plain", "forced") and f["longest_lockout"][1] >= FAST["move_delay"]
+    assert f["per_band"] == {"2G": 1, "5L": 3} and f["per_node"] == {"A": 0, "B": 4, "C": 0}
