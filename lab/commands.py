@@ -18,10 +18,11 @@ import argparse
 import json
 import re
 import threading
+import time
 from dataclasses import dataclass
 from pathlib import Path
 
-from lab import render
+from lab import render, svg, topology as topo_mod
 from lab.driver import API_VERSION, check_call
 from lab.relay import check_seconds
 from lab.sandbox import exit_text, parse_signal
@@ -43,6 +44,8 @@ class Command:
 
 
 COMMANDS = []
+TIMELINE_SVG = "timeline.svg"      # the last scenario's picture, in the lab directory
+WORLD_SVG = "world.svg"            # `picture`'s
 GROUPS = {
     "world": "stations that answer like real ones: add | set | join | roam | leave | rssi | walk | radio | show "
              "| timeline | check",
@@ -518,3 +521,45 @@ def world_timeline(lab, req):
         show=show_check)
 def world_check(lab, req):
     return lab.check()
+
+
+# -- pictures ----------------------------------------------------------------------------------------
+
+def write_picture(args, path, records, title, origin=None, end=None):
+    """Draws world records (lab/svg.py) into `path` with the lab's topology; returns the path."""
+    try:
+        topo = topo_mod.load(Path(args.dir) / "topology.json")
+    except topo_mod.TopologyError as e:
+        raise ValueError(f"no picture without the lab's topology: {e}") from None
+    path = Path(path)
+    path.write_text(svg.draw(records, topo, title, origin, end))
+    return path
+
+
+def _recorded_world(args):
+    """No lab runs: the world records the last one left in <lab>/world.jsonl."""
+    path = Path(args.dir) / "world.jsonl"
+    if not path.exists():
+        raise ValueError(f"no lab runs in {args.dir}, and no lab left a record of its radio world there")
+    recs = []
+    for line in path.read_text(errors="replace").splitlines():
+        try:
+            recs.append(json.loads(line))
+        except ValueError:
+            continue
+    return {"records": recs, "now": None}
+
+
+def show_picture(result, args):
+    recs = result["records"]
+    origin = recs[0]["mono"] if recs else None
+    end = result["now"] - origin if result["now"] is not None and origin is not None else None
+    print(write_picture(args, Path(args.out) if args.out else Path(args.dir) / WORLD_SVG, recs, f"the radio world of {args.dir}",
+                        origin, end))
+
+
+@served("picture", "draw the radio world's timeline as SVG, a row per station (when no lab runs, the last one's)",
+        arg("--out", metavar="PATH", help=f"where it goes (default <lab>/{WORLD_SVG})"),
+        show=show_picture, offline=_recorded_world)
+def picture(lab, req):
+    return {"records": lab.world.timeline(), "now": time.monotonic()}

@@ -14,7 +14,7 @@ import time
 from pathlib import Path
 
 from lab import daemonlog, netns, render, scenario_check, topology as topo_mod
-from lab.commands import arg, runs_here, show_nodes
+from lab.commands import TIMELINE_SVG, arg, runs_here, show_nodes, write_picture
 from lab.controller import Lab, LabError, check_dir, control_request, controller_pid, default_dir, teardown
 from lab.sandbox import REPO, STEER_CLI, daemon_binary, wait_until
 from lab.scenario_run import MeshView
@@ -300,11 +300,15 @@ def play(args, path, raw, sc, on_batch):
            arg("file", type=Path),
            arg("-v", "--verbose", action="store_true",
                help="also periodic status events, Wi-Fi queries and every log line at info level"),
-           arg("-q", "--quiet", action="store_true", help="only the summary"))
+           arg("-q", "--quiet", action="store_true", help="only the summary"),
+           arg("--svg", type=Path, metavar="PATH", help=f"where the picture of its stations goes "
+                                                         f"(default <lab>/{TIMELINE_SVG})"))
 def cmd_scenario(args):
     raw, sc = read_scenario(args, args.file)
+    world = []
 
     def show(recs):
+        world.extend(r for r in recs if r.get("kind") == "world")
         for r in recs:
             line = render.describe(r, args.verbose)
             if line is not None and not args.quiet:
@@ -315,6 +319,9 @@ def cmd_scenario(args):
     for line in render.summary_lines(summary):
         print(line)
     print(f"timeline: {Path(args.dir) / scenario_check.TIMELINE}")
+    picture = write_picture(args, args.svg or Path(args.dir) / TIMELINE_SVG, world, f"scenario {sc.name}",
+                            end=summary.get("at"))
+    print(f"picture: {picture}")
     return 1 if summary["failed"] else 0
 
 

@@ -44,7 +44,7 @@ CONTROLLER_PID = "controller.pid"
 CONF_IN_NODE = "/var/bandherd.conf"
 # Files of a lab directory that `up` may replace; anything else makes it refuse.
 LAB_FILES = {"topology.json", CONTROL, CONTROLLER_PID, "mesh.jsonl", "nodes", netns.LEDGER,
-             "pids.tmp", "controller.log", "timeline.jsonl", "world.jsonl"}
+             "pids.tmp", "controller.log", "timeline.jsonl", "world.jsonl", "timeline.svg", "world.svg"}
 
 
 class LabError(RuntimeError):

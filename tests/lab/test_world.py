@@ -3,10 +3,11 @@ a daemon sends (MAPS commands and Wi-Fi calls over each node's uwb socket) and r
 drivers send back on each node's netlink end, and the stations' timelines."""
 
 import time
+from xml.etree import ElementTree
 
 import pytest
 
-from lab import daemonlog, summary
+from lab import daemonlog, summary, svg
 from lab.sandbox import REPO
 from lab.world import check_timeline, path_at
 from lab import topology
@@ -16,6 +17,7 @@ from standins import (BLOCK_BSS, BLOCK_DEFAULT, BLOCK_DISABLE, daemon_start, mac
 THREE = REPO / "lab" / "topologies" / "three-node.json"
 A_24, A_5, B_24, B_5, C_24, C_5 = (f"02:00:00:00:0{n}:0{b}" for n in "abc" for b in "12")
 HT, RRM, BTM = 1, 4, 8
+SVG = "{http://www.w3.org/2000/svg}"
 FULL = HT | 2 | RRM | BTM
 BAND_ACCEPT, BAND_BLOCK, BAND_BLOCK_RSSI = 0, 1, 2
 FAST = {"answer_delay": 0.05, "move_delay": 0.1, "return_after": 0.3, "retry_after": 0.2, "status_interval": 0}
@@ -289,7 +291,7 @@ def test_a_walking_station_is_reported_as_it_goes_and_goes_where_its_path_led(ai
         ["A", "wlan1", -90], ["C", "wlan0", -40], ["C", "wlan1", -40]]
 
 
-def test_the_steering_summary_tells_each_steer_from_the_worlds_records_and_the_nodes_logs(air):
+def test_the_steering_summary_and_the_picture_tell_each_steer_from_the_worlds_records(air):
     lab, _ = air
     since, second = time.monotonic(), int(time.time())
     up = station(lab, 70, btm="obey")                              # on A's 2.4 GHz BSS
@@ -339,3 +341,22 @@ def test_the_steering_summary_tells_each_steer_from_the_worlds_records_and_the_n
     assert f["median_time"] == sorted(times)[1]
     assert f["longest_lockout"][0] in ("back", "plain", "forced") and f["longest_lockout"][1] >= FAST["move_delay"]
     assert f["per_band"] == {"2G": 1, "5L": 3} and f["per_node"] == {"A": 0, "B": 4, "C": 0}
+    # The picture of the same records: a row per station, its associations and marks.
+    names = {up: "up", back: "back", plain: "plain", forced: "forced"}
+    recs = [{**r, "station": names[r["mac"]]} for r in lab.world.timeline() if r["mac"] in names]
+    root = ElementTree.fromstring(svg.draw(recs, lab.topology, "four steers"))
+    rows = {g.get("data-station"): g for g in root.iter(f"{SVG}g") if g.get("class") == "row"}
+    assert list(rows) == ["up", "back", "plain", "forced"]
+
+    def drawn(row):
+        classes = [g.get("class") for g in row.iter(f"{SVG}g") if g is not row]
+        return {c: classes.count(c) for c in classes}, len([x for x in row.iter(f"{SVG}line")
+                                                            if x.get("class") == "lockout"])
+    bars = {"bar band-2G": 1, "bar band-5L": 1}
+    assert {name: drawn(row) for name, row in rows.items()} == {
+        "up": ({**bars, "mark btm-request": 1, "mark btm-accept": 1}, 1),
+        "back": ({**bars, "mark btm-request": 1, "mark btm-reject": 1, "mark block": 3, "mark kick": 1,
+                  "mark refused": 3}, 1),
+        "plain": ({"bar band-2G": 2, "mark block": 1, "mark kick": 1}, 1),
+        "forced": ({**bars, "mark block": 3, "mark kick": 1, "mark refused": 3}, 1)}
+    assert [t.text for t in rows["plain"].iter(f"{SVG}text")][1:] == ["A", "B"]    # each bar names its node
