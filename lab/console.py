@@ -419,7 +419,9 @@ def cmd_demo(args):
             print("\n== NOT converged: the scenario left "
                   + ", ".join(f"{n} {'/'.join(str(v) for v in final.get(n, {}).values())}" for n in names)
                   + "; the table shows what the nodes report")
-        for line in render.summary_lines(summary)[:1] + render.summary_lines(summary)[-3:-1]:
+        lines = render.summary_lines(summary)[:1] + [line for line in render.check_lines(summary["check"])
+                                                     if not line.startswith(("PROBLEM", "  "))]
+        for line in lines + render.steering_lines(summary["steering"])[:1]:
             print("   " + line)
 
         d = "" if args.dir == default_dir() else f" --dir {args.dir}"
@@ -432,6 +434,7 @@ def cmd_demo(args):
             ("world join 02:aa:00:00:00:01 A wlan0", "it associates to A's 2.4 GHz BSS"),
             ("cli A act -t 02:aa:00:00:00:01 02:00:00:00:0b:02", "A's operator steers it to B (BTM): then "
              "world timeline 02:aa:00:00:00:01, world show, world check"),
+            ("picture", "the radio world's timeline so far as a picture (SVG): a row per station"),
             ("relay partition A B,C", "A stops hearing B and C: watch them age each other out"),
             ("exec C ip -s link show wl5g-sta", "inside node C: its backhaul's counters"),
             ("down", "tear it all down"),

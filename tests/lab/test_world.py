@@ -24,11 +24,10 @@ FAST = {"answer_delay": 0.05, "move_delay": 0.1, "return_after": 0.3, "retry_aft
 
 
 @pytest.fixture(scope="module")
-def air(steering_report):
+def air():
     """A three-node lab without namespaces: drivers, world, and a stand-in daemon on every node."""
     with stand_in_lab(THREE, "ABC") as air:
         yield air
-        steering_report(air[0])
 
 
 @pytest.fixture(autouse=True)
