@@ -112,6 +112,13 @@ def test_a_daemon_log_tells_the_neighbour_table_of_its_latest_run(tmp_path):
     (line,) = tail.lines()
     assert daemonlog.neighbour_change(daemonlog.parse(line)) == ("online", "02:00:00:00:0a:00")
     assert daemonlog.parse("0.1.0 (abc)") is None
+    # A steering log record leaves its prefix on the output; the next line follows it.
+    glued = daemonlog.parse("1795305700 11/22 00:01:40 steer 1795305700 11/22 00:01:40 info scmd_act_result:79, "
+                            "steer 02:aa:00:00:01:01 to 02:00:00:00:0a:02 success")
+    assert (glued.epoch, glued.level, glued.func) == (1795305700, "info", "scmd_act_result")
+    steer = daemonlog.parse_steer("1795305700 11/22 00:01:40 sbtm_steer:405, [steer trigger] from CMD, "
+                                  "sta 02:aa:00:00:01:01 steer to bss 02:00:00:00:0a:02")
+    assert (steer.level, steer.func, steer.text[:20]) == ("steer", "sbtm_steer", "[steer trigger] from")
 
 
 @pytest.fixture(scope="module")
