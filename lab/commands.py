@@ -18,15 +18,16 @@ import argparse
 import json
 import re
 import threading
+import time
 from dataclasses import dataclass
 from pathlib import Path
 
-from lab import render
+from lab import render, svg, topology as topo_mod
 from lab.driver import API_VERSION, check_call
 from lab.relay import check_seconds
 from lab.sandbox import exit_text, parse_signal
 from lab.wire import command_code, event_code
-from lab.world import BEACON_BEHAVIOURS, BTM_BEHAVIOURS
+from lab.world import BEACON_BEHAVIOURS, BTM_BEHAVIOURS, PATH_STEP
 
 
 @dataclass(frozen=True)
@@ -43,8 +44,11 @@ class Command:
 
 
 COMMANDS = []
+TIMELINE_SVG = "timeline.svg"      # the last scenario's picture, in the lab directory
+WORLD_SVG = "world.svg"            # `picture`'s
 GROUPS = {
-    "world": "stations that answer like real ones: add | set | join | roam | leave | rssi | show | timeline | check",
+    "world": "stations that answer like real ones: add | set | join | roam | leave | rssi | walk | radio | show "
+             "| timeline | check",
     "relay": "mesh faults: drop | delay | loss | partition | heal | clear | show",
 }
 
@@ -480,6 +484,28 @@ def world_rssi(lab, req):
     return lab.world.show(req["mac"])
 
 
+@served("world walk", "the station walks a path: its RSSI towards BSSes over time, from now",
+        arg("mac"), arg("path", help='JSON as in a scenario: [{"at": 0, "rssi_at": {"A": -50, "B": -85}}, '
+                                     '{"at": 30, "rssi_at": {"A": -85, "B": -50}}]'),
+        arg("--step", type=number(0.1, 60, kind=float), help="seconds between the RSSIs it hears (default 1)"),
+        show=lambda _, args: print(f"{args.mac} walks its path"))
+def world_walk(lab, req):
+    try:
+        path = json.loads(req["path"]) if isinstance(req["path"], str) else req["path"]
+    except ValueError as e:
+        raise ValueError(f"world walk: the path is not JSON: {e}") from None
+    lab.world.walk(req["mac"], path, req.get("step") or PATH_STEP)
+
+
+@served("world radio", "a node's radio: its channel, base load and base station count; its driver reports it",
+        arg("node"), arg("radio", help="its name in the topology"), arg("--channel", type=BYTE),
+        arg("--load", type=number(0, 100), help="channel utilisation, %%, besides its stations' load"),
+        arg("--sta-num", type=BYTE, help="stations besides the world's"),
+        show=lambda index, args: print(f"{args.node} {args.radio} (radio {index}) reported"))
+def world_radio(lab, req):
+    return lab.driver(req["node"]).set_radio(req["radio"], req.get("channel"), req.get("load"), req.get("sta_num"))
+
+
 @served("world show", "where each station is, its behaviours, its blocks per node, its lock-out, its plans",
         arg("mac", nargs="?"), show=show_stations)
 def world_show(lab, req):
@@ -495,3 +521,45 @@ def world_timeline(lab, req):
         show=show_check)
 def world_check(lab, req):
     return lab.check()
+
+
+# -- pictures ----------------------------------------------------------------------------------------
+
+def write_picture(args, path, records, title, origin=None, end=None):
+    """Draws world records (lab/svg.py) into `path` with the lab's topology; returns the path."""
+    try:
+        topo = topo_mod.load(Path(args.dir) / "topology.json")
+    except topo_mod.TopologyError as e:
+        raise ValueError(f"no picture without the lab's topology: {e}") from None
+    path = Path(path)
+    path.write_text(svg.draw(records, topo, title, origin, end))
+    return path
+
+
+def _recorded_world(args):
+    """No lab runs: the world records the last one left in <lab>/world.jsonl."""
+    path = Path(args.dir) / "world.jsonl"
+    if not path.exists():
+        raise ValueError(f"no lab runs in {args.dir}, and no lab left a record of its radio world there")
+    recs = []
+    for line in path.read_text(errors="replace").splitlines():
+        try:
+            recs.append(json.loads(line))
+        except ValueError:
+            continue
+    return {"records": recs, "now": None}
+
+
+def show_picture(result, args):
+    recs = result["records"]
+    origin = recs[0]["mono"] if recs else None
+    end = result["now"] - origin if result["now"] is not None and origin is not None else None
+    print(write_picture(args, Path(args.out) if args.out else Path(args.dir) / WORLD_SVG, recs, f"the radio world of {args.dir}",
+                        origin, end))
+
+
+@served("picture", "draw the radio world's timeline as SVG, a row per station (when no lab runs, the last one's)",
+        arg("--out", metavar="PATH", help=f"where it goes (default <lab>/{WORLD_SVG})"),
+        show=show_picture, offline=_recorded_world)
+def picture(lab, req):
+    return {"records": lab.world.timeline(), "now": time.monotonic()}

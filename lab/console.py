@@ -14,9 +14,9 @@ import time
 from pathlib import Path
 
 from lab import daemonlog, netns, render, scenario_check, topology as topo_mod
-from lab.commands import arg, runs_here, show_nodes
+from lab.commands import TIMELINE_SVG, arg, runs_here, show_nodes, write_picture
 from lab.controller import Lab, LabError, check_dir, control_request, controller_pid, default_dir, teardown
-from lab.sandbox import REPO, daemon_binary, wait_until
+from lab.sandbox import REPO, STEER_CLI, daemon_binary, wait_until
 from lab.scenario_run import MeshView
 
 READY = r"bandherd is ready\."
@@ -235,9 +235,6 @@ def cmd_exec(args):
     exec_in_node(args, argv)
 
 
-STEER_CLI = Path(__file__).resolve().parents[1] / "tools" / "steer_cli.sh"
-
-
 @runs_here("cli", "run the operator's front end tools/steer_cli.sh inside a node: cli A sta -l", arg("node"),
            arg("argv", nargs=argparse.REMAINDER))
 def cmd_cli(args):
@@ -303,11 +300,15 @@ def play(args, path, raw, sc, on_batch):
            arg("file", type=Path),
            arg("-v", "--verbose", action="store_true",
                help="also periodic status events, Wi-Fi queries and every log line at info level"),
-           arg("-q", "--quiet", action="store_true", help="only the summary"))
+           arg("-q", "--quiet", action="store_true", help="only the summary"),
+           arg("--svg", type=Path, metavar="PATH", help=f"where the picture of its stations goes "
+                                                         f"(default <lab>/{TIMELINE_SVG})"))
 def cmd_scenario(args):
     raw, sc = read_scenario(args, args.file)
+    world = []
 
     def show(recs):
+        world.extend(r for r in recs if r.get("kind") == "world")
         for r in recs:
             line = render.describe(r, args.verbose)
             if line is not None and not args.quiet:
@@ -318,6 +319,9 @@ def cmd_scenario(args):
     for line in render.summary_lines(summary):
         print(line)
     print(f"timeline: {Path(args.dir) / scenario_check.TIMELINE}")
+    picture = write_picture(args, args.svg or Path(args.dir) / TIMELINE_SVG, world, f"scenario {sc.name}",
+                            end=summary.get("at"))
+    print(f"picture: {picture}")
     return 1 if summary["failed"] else 0
 
 
@@ -415,7 +419,9 @@ def cmd_demo(args):
             print("\n== NOT converged: the scenario left "
                   + ", ".join(f"{n} {'/'.join(str(v) for v in final.get(n, {}).values())}" for n in names)
                   + "; the table shows what the nodes report")
-        for line in render.summary_lines(summary)[:1] + render.summary_lines(summary)[-3:-1]:
+        lines = render.summary_lines(summary)[:1] + [line for line in render.check_lines(summary["check"])
+                                                     if not line.startswith(("PROBLEM", "  "))]
+        for line in lines + render.steering_lines(summary["steering"])[:1]:
             print("   " + line)
 
         d = "" if args.dir == default_dir() else f" --dir {args.dir}"
@@ -428,6 +434,7 @@ def cmd_demo(args):
             ("world join 02:aa:00:00:00:01 A wlan0", "it associates to A's 2.4 GHz BSS"),
             ("cli A act -t 02:aa:00:00:00:01 02:00:00:00:0b:02", "A's operator steers it to B (BTM): then "
              "world timeline 02:aa:00:00:00:01, world show, world check"),
+            ("picture", "the radio world's timeline so far as a picture (SVG): a row per station"),
             ("relay partition A B,C", "A stops hearing B and C: watch them age each other out"),
             ("exec C ip -s link show wl5g-sta", "inside node C: its backhaul's counters"),
             ("down", "tear it all down"),

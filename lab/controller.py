@@ -27,12 +27,12 @@ import threading
 import time
 from pathlib import Path
 
-from lab import commands, netns, scenario_check, topology as topo_mod
+from lab import commands, netns, scenario_check, summary as summary_mod, topology as topo_mod
 from lab.driver import DriverDouble
 from lab.journal import Journal
 from lab.loop import Loop
 from lab.relay import Relay
-from lab.sandbox import daemon_binary, exit_text, wait_until
+from lab.sandbox import STEER_CLI, daemon_binary, exit_text, wait_until
 from lab.scenario_run import Runner
 from lab.wire import DAEMON_PORT, SUN_PATH_MAX
 from lab.world import World
@@ -44,7 +44,7 @@ CONTROLLER_PID = "controller.pid"
 CONF_IN_NODE = "/var/bandherd.conf"
 # Files of a lab directory that `up` may replace; anything else makes it refuse.
 LAB_FILES = {"topology.json", CONTROL, CONTROLLER_PID, "mesh.jsonl", "nodes", netns.LEDGER,
-             "pids.tmp", "controller.log", "timeline.jsonl", "world.jsonl"}
+             "pids.tmp", "controller.log", "timeline.jsonl", "world.jsonl", "timeline.svg", "world.svg"}
 
 
 class LabError(RuntimeError):
@@ -317,6 +317,20 @@ class Lab:
         """Runs a shell script in node `name` and returns its output (raises when it fails)."""
         return self.ns.node_sh(self.node(name).name, script)
 
+    def cli(self, name, *args, timeout=30.0):
+        """Runs the operator's front end (tools/steer_cli.sh) in node `name` with `args`; returns
+        its exit status and its output (standard output and error)."""
+        if self.ns is None:
+            raise LabError("this lab has no node namespaces: the front end cannot run in it")
+        p = self.run(name, ["sh", str(STEER_CLI), *args], stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+        try:
+            out, _ = p.communicate(timeout=timeout)
+        except subprocess.TimeoutExpired:
+            p.kill()
+            p.communicate()
+            raise TimeoutError(f"steer_cli.sh {' '.join(args)} in {name} did not end in {timeout:g} s") from None
+        return p.returncode, out.decode(errors="replace")
+
     # -- driver and mesh --------------------------------------------------------
 
     def driver(self, name):
@@ -349,6 +363,11 @@ class Lab:
         """The world's lock-out check over everything so far (or since `since`, monotonic):
         {"blocked_everywhere": {mac: s}, "lockouts": {mac: [s, ...]}, "problems": [...], "limit": s}."""
         return self.world.check(since)
+
+    def summary(self, since=None, names=None):
+        """What the daemons' steering did so far (or since `since`, monotonic): every steer and the
+        figures (see lab/summary.py); `names` ({mac: name}) names stations."""
+        return summary_mod.of_lab(self, since, names)
 
     def wait_for(self, predicate, timeout=10.0, step=0.02):
         """Polls `predicate` until it returns something true and returns that; TimeoutError otherwise."""

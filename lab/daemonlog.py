@@ -21,6 +21,11 @@ OFFLINE = re.compile(rf"^neighbor ({_MAC}) is offline$")
 AGED = re.compile(rf"^node ({_MAC}) is aged$")
 
 
+_GLUED = re.compile(r"^(?:\d+ \d\d/\d\d \d\d:\d\d:\d\d )?steer (?P<rest>.+)$")
+# A record of the steering log (/var/run/steer.log): the time, then the function and the text.
+_STEER_LINE = re.compile(r"^(?P<epoch>\d+) \d\d/\d\d \d\d:\d\d:\d\d (?P<func>\w+):(?P<line>\d+), (?P<text>.*)$")
+
+
 @dataclass
 class Line:
     level: str
@@ -31,12 +36,22 @@ class Line:
 
 
 def parse(raw):
-    """The parts of one log line, or None for a continuation line."""
+    """The parts of one log line, or None for a continuation line. A record of the steering log
+    leaves its prefix ("[<time> ]steer ") on the output, and the next line follows it there."""
     m = _LINE.match(raw.rstrip("\n"))
     if not m:
-        return None
+        glued = _GLUED.match(raw)
+        return parse(glued["rest"]) if glued else None
     return Line(level=m["level"], func=m["func"], text=m["text"],
                 epoch=int(m["epoch"]) if m["epoch"] else None, raw=raw.rstrip("\n"))
+
+
+def parse_steer(raw):
+    """A record of the steering log as a Line of level "steer", or None."""
+    m = _STEER_LINE.match(raw.rstrip("\n"))
+    if not m:
+        return None
+    return Line(level="steer", func=m["func"], text=m["text"].rstrip(), epoch=int(m["epoch"]), raw=raw.rstrip("\n"))
 
 
 def neighbour_change(line):
@@ -51,6 +66,11 @@ def neighbour_change(line):
         if m:
             return kind, m.group(1)
     return None
+
+
+def ready_count(text):
+    """How many daemon runs a whole log tells of that became ready."""
+    return sum(1 for raw in text.splitlines() if (line := parse(raw)) is not None and READY.match(line.text))
 
 
 def neighbour_table(text):

@@ -11,7 +11,10 @@ Two sockets under <lab>/nodes/<name>/run/maps/ (the node sees them under /var/ru
 The double applies what the daemon sets (BSS indices, radios, the steering
 configuration, per-station blocks) and decides, as a driver does, whether a
 station may associate (`refusal`). Kicks, BSS transition requests and beacon
-requests go to the radio world, whose stations answer them.
+requests go to the radio world, whose stations answer them. It reports each
+radio the daemon added (MAPS_EV_RADIO_STATUS) every `radio_interval` seconds and
+whenever its channel, load or station count changes: a radio's load is its base
+(the topology's, or `set_radio`'s) plus what the world's stations on it carry.
 
 Everything the daemon sends (netlink messages, MAPS commands through
 `steer_maps`, other Wi-Fi calls) and every event the double sends is recorded
@@ -38,6 +41,7 @@ log = logging.getLogger("lab.driver")
 # a station after REJECT_MAX_CNT refusals within REJECT_AGE seconds.
 REJECT_MAX_CNT = 2
 REJECT_AGE = 20
+RADIO_INTERVAL = 5.0        # seconds between a driver's reports of each radio
 
 
 class _CallError(Exception):
@@ -78,6 +82,9 @@ class DriverDouble:
         self._conns = {}
         self.world = None         # the radio world, when the lab has one: its stations answer the daemon
         self._refusals = {}       # station mac -> monotonic times of its recent refusals
+        self.radio_interval = RADIO_INTERVAL
+        self._radio_sent = {}     # radio name -> (index, channel, load, sta_num) last reported
+        self._radio_timer = 0     # bumped when the periodic reports start over
         check_socket_path(self.maps_dir / f"nl-{DAEMON_PORT}")
 
     # -- life ------------------------------------------------------------------
@@ -90,6 +97,7 @@ class DriverDouble:
         self.uwb.listen(16)
         self.loop.add_reader(self.nl, self._on_netlink)
         self.loop.add_reader(self.uwb, self._on_accept)
+        self._schedule_radios()
 
     def stop(self):
         for s in [self.nl, self.uwb] + list(self._conns):
@@ -185,8 +193,87 @@ class DriverDouble:
         note = {"why": why} if why else {}
         return self.inject(event_code(event), sta_payload(mac, bss_index, **fields), **note)
 
-    def radio_status(self, radio_index, channel, **fields):
-        return self.inject(EV["RADIO_STATUS"], radio_payload(radio_index, channel, **fields))
+    def radio_status(self, radio_index, channel, why=None, **fields):
+        return self.inject(EV["RADIO_STATUS"], radio_payload(radio_index, channel, **fields),
+                           **({"why": why} if why else {}))
+
+    # -- radios ------------------------------------------------------------------
+
+    def radio_index(self, radio):
+        """The index the daemon gave a radio (MAPS_CMD_ADD_RADIO on one of its VAPs), or None."""
+        ifnames = {v.ifname for v in self.node.vaps if v.radio is radio}
+        return next((int(i) for i, names in self._state["radios"].items() if ifnames & set(names)), None)
+
+    def radio_figures(self, radio):
+        """(load %, stations) the driver reports for a radio (loop thread)."""
+        if self.world is not None:
+            return self.world.radio_figures(self.node.name, radio)
+        return radio.load, radio.sta_num
+
+    def report_radios(self, every=False, only=None, why=None):
+        """Sends a radio status event for each radio the daemon added (or `only` that one) whose
+        channel, load or station count changed since its last report; with `every`, for each
+        one. Loop thread."""
+        for radio in [only] if only is not None else self.node.radios:
+            index = self.radio_index(radio)
+            if index is None:
+                continue
+            load, sta_num = self.radio_figures(radio)
+            figures = (index, radio.channel, load, sta_num)
+            if not every and self._radio_sent.get(radio.name) == figures:
+                continue
+            self._radio_sent[radio.name] = figures
+            try:
+                self.radio_status(index, radio.channel, load=load, sta_num=sta_num, work_band=BANDS[radio.band],
+                                  why=why or ("status" if every else "load"))
+            except OSError:
+                pass    # no daemon listens: recorded as not delivered
+
+    def set_radio(self, name, channel=None, load=None, sta_num=None):
+        """Sets a radio's channel (what `chan_info` answers too), base load and base station
+        count, and reports it at once; returns the index the daemon gave it (any thread).
+        ValueError when the daemon has not added the radio."""
+        radio = self.node.radio(name)
+        if radio is None:
+            raise ValueError(f"node {self.node.name} has no radio {name!r} "
+                             f"(radios: {', '.join(r.name for r in self.node.radios)})")
+
+        if channel is not None and channel not in radio.channels:
+            raise ValueError(f"channel {channel} is not one of radio {radio.name}'s {radio.channels}")
+
+        def go():
+            index = self.radio_index(radio)
+            if index is None:
+                raise ValueError(f"the daemon of {self.node.name} has not added radio {radio.name} "
+                                 f"(no MAPS_CMD_ADD_RADIO)")
+            radio.channel = radio.channel if channel is None else channel
+            radio.load = radio.load if load is None else load
+            radio.sta_num = radio.sta_num if sta_num is None else sta_num
+            self.report_radios(every=True, only=radio, why="step")
+            return index
+        return self.loop.call(go)
+
+    def set_radio_interval(self, seconds):
+        """Reports every radio every `seconds` from now on (0: only on changes); any thread."""
+        if isinstance(seconds, bool) or not isinstance(seconds, (int, float)) or seconds < 0:
+            raise ValueError(f"a radio report interval is a number of seconds from 0, not {seconds!r}")
+
+        def go():
+            self.radio_interval = seconds
+            self._schedule_radios()
+        self.loop.call(go)
+
+    def _schedule_radios(self):
+        self._radio_timer += 1
+        timer = self._radio_timer
+
+        def tick():
+            if timer != self._radio_timer or self.nl is None:
+                return
+            self.report_radios(every=True)
+            self.loop.call_later(self.radio_interval, tick)
+        if self.radio_interval:
+            self.loop.call_later(self.radio_interval, tick)
 
     # -- Wi-Fi base library --------------------------------------------------
 
@@ -487,6 +574,7 @@ class DriverDouble:
             blocked = list(s["sta"])
             s.update(self._clean_state())
             self._refusals.clear()
+            self._radio_sent.clear()
             for mac in blocked:
                 self._tell_world("block_changed", mac, "clean", [])
         elif code == CMD["SET_BSS"]:

@@ -44,6 +44,11 @@ def step_words(rec):
     elif do == "send":
         text = f"the lab's mesh daemon sends {rec.get('type')} to {rec.get('to')}" \
             + (f" as {rec['from']}" if rec.get("from") else "")
+    elif do == "cli":
+        args = rec.get("words") or rec.get("args") or []
+        said = (rec.get("output") or "").strip().splitlines()
+        text = f"{node}'s operator runs steer_cli.sh {' '.join(args if isinstance(args, list) else [args])}" \
+            + (f": {said[0]}" + (f" (+{len(said) - 1} lines)" if len(said) > 1 else "") if said and not rec.get("error") else "")
     else:
         text = json.dumps(rec)
     note = f"  ({rec['note']})" if rec.get("note") else ""
@@ -100,6 +105,8 @@ def describe(rec, verbose=False):
         args = " ".join(str(v) for v in (rec.get("args") or {}).values())
         return f"{head}driver {rec['node']} {rec['call']} {rec.get('if', '')} {args} -> {rec.get('result')}"
     if kind == "log":
+        if rec["level"] == "steer":
+            return f"{head}steer  {rec['node']} {rec['text']}"
         if rec["level"] == "info" and not rec.get("change") and not verbose and \
                 rec["func"] not in ("ssta_join_handler", "ssta_leave_handler", "ssta_msg_handler"):
             return None
@@ -131,6 +138,9 @@ def world_words(rec):
         "locked_out": lambda: f"{who} is refused everywhere; tries again in {rec.get('retry_after')} s",
         "block": lambda: f"{who} blocked by {node} on {'+'.join(rec.get('vaps', []))}",
         "unblock": lambda: f"{who} no longer blocked by {node} ({rec.get('mode')})",
+        "walk": lambda: f"{who} walks a path of {rec.get('points')} points, to {rec.get('until'):g} s",
+        "rssi": lambda: f"{who} hears " + (", ".join(f"{n} {v} {r}" for n, v, r in rec["heard"]) if "heard" in rec
+                                           else f"{bss if node else 'every BSS'} at {rec.get('rssi')}"),
     }
     return words[what]() if what in words else f"{who} {what} " + json.dumps(
         {k: v for k, v in rec.items() if k not in ("kind", "what", "mac", "station", "at", "t", "mono")})
@@ -176,4 +186,41 @@ def summary_lines(s):
                + (", ".join(f"{k} {v}" for k, v in sorted(s["driver_actions"].items())) or "none"))
     out += [line for line in check_lines(s["check"]) if not line.startswith("PROBLEM")]
     out.append("daemons: " + ", ".join(f"{k} {v}" for k, v in s["daemons"].items()))
+    if "steering" in s:
+        out += steering_lines(s["steering"])
+    return out
+
+
+def _mechanisms(f):
+    """ "BTM 3/4 (CMD 2/2, HIGH_RSSI 1/2), Backoff 1/1 (CMD 1/1)" of a summary's figures."""
+    parts = []
+    for mech, reasons in f["attempted"].items():
+        if reasons:
+            won = f["succeeded"][mech]
+            parts.append(f"{mech} {sum(won.values())}/{sum(reasons.values())} ("
+                         + ", ".join(f"{r} {won.get(r, 0)}/{n}" for r, n in sorted(reasons.items())) + ")")
+    return ", ".join(parts) or "none"
+
+
+def figures_line(f):
+    """One line of steering figures: steers by mechanism and reason (succeeded/attempted), the median
+    time to steer, the longest lock-out."""
+    median = "-" if f["median_time"] is None else f"{f['median_time']:g} s"
+    worst = f["longest_lockout"]
+    return (f"{f['succeeded_in_all']}/{f['steers']} steers succeeded: {_mechanisms(f)}; median time to steer "
+            f"{median}; longest lock-out " + (f"{worst[1]:g} s ({worst[0]})" if worst else "none"))
+
+
+def steering_lines(st):
+    """The steering summary in words: the figures, then one line per steer."""
+    f = st["figures"]
+    out = ["steering: " + figures_line(f)]
+    for s in st["steers"]:
+        target = f"{s['target_node']} {s['target_vap']}" if s["target_node"] else (s["target"] or "?")
+        result = f"success in {s['time']:g} s" if s["outcome"] == "success" else \
+            "failure" + (f" (ended on {' '.join(s['ended_on'])})" if s["ended_on"] else "")
+        out.append(f"  {s['at']:7.2f}  {s['station']}  {s['node']} {s['reason']} {s['mechanism']}"
+                   + (" (fallback)" if s["fallback"] else "") + f" -> {target}: {result}")
+    out.append("stations at the end: by band " + (", ".join(f"{b} {n}" for b, n in f["per_band"].items()) or "none")
+               + "; by node " + ", ".join(f"{b} {n}" for b, n in f["per_node"].items()))
     return out

@@ -15,6 +15,7 @@ import time
 from pathlib import Path
 
 REPO = Path(__file__).resolve().parent.parent
+STEER_CLI = REPO / "tools" / "steer_cli.sh"     # the operator's front end of the command FIFO
 
 
 def daemon_binary():

@@ -47,11 +47,12 @@ STEPS = {
     "start": (["node"], []),
     "relay": (["action"], ["types", "seconds", "groups"]),
     "send": (["to", "type"], ["from", "body"]),
+    "cli": (["node", "args"], []),
 }
 STATION_KEYS = (["mac"], ["ssid", "bands", "caps", "nss", "rssi", "rssi_at", "rate", "load", "active", "btm",
-                          "beacon", *DELAYS])
+                          "beacon", "path", *DELAYS])
 TOP_KEYS = (["steps"], ["name", "description", "topology", "stations", "status_interval", "duration",
-                        "wait_for_mesh"])
+                        "wait_for_mesh", "path_step", "radio_interval", "settings"])
 
 
 class ScenarioError(topo_mod.ProblemsError):
@@ -67,6 +68,7 @@ class StationPlan:
     name: str
     mac: str
     settings: dict = field(default_factory=dict)
+    path: list = None                   # [{"at": s, "rssi_at": {...}}] on the steps' clock, or None
 
 
 @dataclass
@@ -78,6 +80,9 @@ class Scenario:
     status_interval: float = 5.0
     duration: float = 0.0
     wait_for_mesh: bool = False
+    path_step: float = 1.0              # seconds between the RSSIs a walking station hears
+    radio_interval: float = None        # the drivers' radio reports (None: as the lab has them)
+    settings: dict = field(default_factory=dict)     # configuration keys of every node for the run
     topology: str = None                # the topology file it was written for
     source: str = None
 
@@ -117,6 +122,33 @@ def topology_path(name, base=None):
     return None
 
 
+def cli_words(args, stations, topo):
+    """The words of a "cli" step for the operator's front end, and what is wrong with them:
+    `args` is a list of words or one text of blank-separated words; "$NAME" stands for the
+    MAC of the scenario's station NAME, "$NODE:VAP" for the BSSID of that node's VAP."""
+    if isinstance(args, str):
+        args = args.split()
+    if not isinstance(args, list) or not args or not all(isinstance(a, str) and a for a in args):
+        return [], ["'args' must be the front end's words: a non-empty list of texts, or one text"]
+    words, problems = [], []
+    for word in args:
+        if not word.startswith("$"):
+            words.append(word)
+            continue
+        name = word[1:]
+        if name in stations:
+            words.append(stations[name].mac)
+            continue
+        node, _, vap = name.partition(":")
+        found = None
+        if vap and topo is not None and node in topo.names() and topo.node(node).vap(vap) is not None:
+            found = topo.node(node).vap(vap).bssid
+        if found is None and not (vap and topo is None):
+            problems.append(f"{word} is neither a station ({', '.join(stations) or 'none'}) nor a NODE:VAP")
+        words.append(found or word)
+    return words, problems
+
+
 def _number(v):
     return isinstance(v, (int, float)) and not isinstance(v, bool)
 
@@ -153,10 +185,19 @@ class _Checker(topo_mod.Checker):
             return Scenario(steps=[])
         sc = Scenario(steps=[], name=str(raw.get("name", "scenario")),
                       description=str(raw.get("description", "")), topology=raw.get("topology"))
-        for key in ("status_interval", "duration"):
-            if key in raw and (not _number(raw[key]) or raw[key] < (0.1 if key == "status_interval" else 0)):
-                self.err("", f"'{key}' must be a number of seconds" + (" from 0.1" if key == "status_interval" else ""))
+        for key, lo in (("status_interval", 0.1), ("duration", 0), ("path_step", 0.1), ("radio_interval", 0)):
+            if key in raw and (not _number(raw[key]) or raw[key] < lo):
+                self.err("", f"'{key}' must be a number of seconds" + (f" from {lo:g}" if lo else ""))
         sc.status_interval = float(raw.get("status_interval", 5.0)) if _number(raw.get("status_interval", 5.0)) else 5.0
+        sc.path_step = float(raw.get("path_step", 1.0)) if _number(raw.get("path_step")) else 1.0
+        sc.radio_interval = float(raw["radio_interval"]) if _number(raw.get("radio_interval")) else None
+        settings = raw.get("settings", {})
+        if not isinstance(settings, dict):
+            self.err("", "'settings' must be an object of configuration keys")
+        else:
+            for problem in topo_mod.config_problems(settings):
+                self.err("settings", problem)
+            sc.settings = dict(settings)
         if not isinstance(raw.get("wait_for_mesh", False), bool):
             self.err("", "'wait_for_mesh' must be true or false")
         sc.wait_for_mesh = raw.get("wait_for_mesh") is True
@@ -185,9 +226,13 @@ class _Checker(topo_mod.Checker):
         sc.steps = sorted(checked, key=lambda s: s["at"])       # stable: file order at equal times
         self.station_states(sc)
         last = sc.steps[-1]["at"] if sc.steps else 0.0
-        sc.duration = float(raw["duration"]) if _number(raw.get("duration")) else last + 2.0
+        walks = {name: p.path[-1]["at"] for name, p in sc.stations.items() if p.path}
+        sc.duration = float(raw["duration"]) if _number(raw.get("duration")) else max([last, *walks.values()]) + 2.0
         if sc.duration < last:
             self.err("", f"'duration' {sc.duration:g} ends before the last step at {last:g}")
+        for name, end in walks.items():
+            if sc.duration < end:
+                self.err("", f"'duration' {sc.duration:g} ends before the path of station '{name}' at {end:g}")
         return sc
 
     def station(self, name, raw, topo, status_interval):
@@ -230,7 +275,28 @@ class _Checker(topo_mod.Checker):
                 plan.settings[key] = raw[key]
         if "rssi_at" in raw:
             plan.settings["rssi_at"] = self.rssi_at(raw["rssi_at"], topo, where)
+        if "path" in raw:
+            plan.path = self.path(raw["path"], topo, where)
         return plan
+
+    def path(self, raw, topo, where):
+        """[{"at": 0, "rssi_at": {...}}, ...]: points whose times rise."""
+        if not isinstance(raw, list) or not raw:
+            self.err(where, "'path' must be a non-empty list of points {\"at\": seconds, \"rssi_at\": {...}}")
+            return None
+        last = None
+        for i, point in enumerate(raw, 1):
+            here = f"{where} path point #{i}"
+            if not self.fields(point, here, ["at", "rssi_at"], []):
+                continue
+            if not _number(point["at"]) or point["at"] < 0:
+                self.err(here, "'at' must be a number of seconds from 0")
+            elif last is not None and point["at"] <= last:
+                self.err(here, f"'at' {point['at']:g} does not come after the point before it ({last:g})")
+            else:
+                last = point["at"]
+            self.rssi_at(point["rssi_at"], topo, here)
+        return raw if last is not None else None
 
     def rssi_at(self, raw, topo, where):
         """{"A": {"wlan1": -48}, "B": -70}: dBm towards one BSS, or every BSS of a node."""
@@ -319,6 +385,11 @@ class _Checker(topo_mod.Checker):
                 self.err(where, str(e))
         if kind == "relay":
             self.relay(raw, topo, where)
+        if kind == "cli":
+            words, problems = cli_words(raw["args"], sc.stations, topo)
+            for problem in problems:
+                self.err(where, problem)
+            step["args"] = raw["args"].split() if isinstance(raw["args"], str) else raw["args"]
         if kind == "send":
             if not isinstance(raw["type"], str) or not 0 < len(raw["type"].encode()) < 32:
                 self.err(where, "'type' must be a message type of 1 to 31 characters")
@@ -399,6 +470,11 @@ def check_against(scenario, topology):
 
 def _raw_of(sc):
     """A checked scenario written back as the object it came from (for a second check)."""
-    stations = {name: {"mac": s.mac, **s.settings} for name, s in sc.stations.items()}
-    return {"name": sc.name, "description": sc.description, "stations": stations, "steps": sc.steps,
-            "status_interval": sc.status_interval, "duration": sc.duration, "wait_for_mesh": sc.wait_for_mesh}
+    stations = {name: {"mac": s.mac, **s.settings, **({"path": s.path} if s.path else {})}
+                for name, s in sc.stations.items()}
+    raw = {"name": sc.name, "description": sc.description, "stations": stations, "steps": sc.steps,
+           "status_interval": sc.status_interval, "duration": sc.duration, "wait_for_mesh": sc.wait_for_mesh,
+           "path_step": sc.path_step, "settings": sc.settings}
+    if sc.radio_interval is not None:
+        raw["radio_interval"] = sc.radio_interval
+    return raw

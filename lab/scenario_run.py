@@ -21,15 +21,18 @@ import threading
 import time
 from pathlib import Path
 
-from lab import daemonlog
+from lab import daemonlog, summary
 from lab.sandbox import exit_text
-from lab.scenario_check import MESH_WAIT, POLL, QUERIES, TIMELINE, ScenarioError, check_against
+from lab.scenario_check import MESH_WAIT, POLL, QUERIES, TIMELINE, ScenarioError, check_against, cli_words
 from lab.topology import BROADCAST
-from lab.wire import BANDS
 
 
 class StepError(RuntimeError):
-    """A step that could not be carried out; the runner records it and goes on."""
+    """A step that could not be carried out; the runner records it (and `fields`) and goes on."""
+
+    def __init__(self, text, **fields):
+        super().__init__(text)
+        self.fields = fields
 
 
 class MeshView:
@@ -135,11 +138,14 @@ class Runner:
         self.view = MeshView(self.topology)
         self.names = {plan.mac: name for name, plan in scenario.stations.items()}
         self.world_history = {n.name: [] for n in self.topology.nodes}
+        self.lines = {n.name: [] for n in self.topology.nodes}      # the daemons' log lines during the run
         self._counts = None
         self._stop = threading.Event()
         self._thread = None
         self._file = None
         self._base = None
+        self._started = None        # monotonic time the run began
+        self._world_start = None    # the world's journal position then
         self._held = None           # records kept back while waiting for the mesh
         self._step_records = None   # records a step makes, written after the step's own
         self.failed = []
@@ -203,12 +209,15 @@ class Runner:
 
     def _begin(self):
         lab = self.lab
+        restarted = self._settle_settings()
         self._base = self._started = time.monotonic()
         mesh, self._mesh_pos = lab.mesh_journal.since(0)
         self._driver_pos = {n.name: lab.driver(n.name).journal.since(0)[1] for n in self.topology.nodes}
-        self._world_pos = self.world.journal.since(0)[1]
+        self._world_pos = self._world_start = self.world.journal.since(0)[1]
         self._tails = {n.name: daemonlog.Tail(lab.node_dir(n.name) / "bandherd.log")
                        for n in self.topology.nodes}
+        self._steer_tails = {n.name: daemonlog.Tail(lab.node_dir(n.name) / "run" / "steer.log")
+                             for n in self.topology.nodes}
         self._daemons = {n.name: self._daemon_state(n.name) for n in self.topology.nodes}
         neighbours, counts = {}, {}
         for n in self.topology.nodes:
@@ -224,11 +233,40 @@ class Runner:
                      "description": self.sc.description, "topology": self.topology.source,
                      "duration": self.sc.duration, "wait_for_mesh": self.sc.wait_for_mesh,
                      "daemons": dict(self._daemons), "neighbours": neighbours, "bss_counts": counts}])
+        if restarted is not None:
+            self._emit([{"kind": "note", "mono": self._base, "text": restarted}])
+        if self.sc.radio_interval is not None:
+            for n in self.topology.nodes:
+                lab.driver(n.name).set_radio_interval(self.sc.radio_interval)
         for plan in self.sc.stations.values():
             self.world.add(plan.mac, **plan.settings)
         if self.sc.wait_for_mesh:
             self._wait_for_mesh()
+        for plan in self.sc.stations.values():
+            if plan.path:       # on the steps' clock
+                self.world.walk(plan.mac, plan.path, self.sc.path_step, start=self._base)
         self._note_world()
+
+    def _settle_settings(self):
+        """Gives every node the scenario's settings; the running daemons are restarted to read them
+        (and waited for until ready). Returns what was done, in words, or None when nothing was."""
+        wanted = {k: str(v) for k, v in self.sc.settings.items()}
+        if all({k: str(n.config.get(k)) for k in wanted} == wanted for n in self.topology.nodes):
+            return None
+        running = [n.name for n in self.topology.nodes if self._daemon_state(n.name) == "running"]
+        ready = {name: daemonlog.ready_count(self.lab.log(name)) for name in running}
+        for n in self.topology.nodes:
+            self.lab.write_conf(n.name, self.sc.settings)
+        for name in running:
+            self.lab.stop_daemon(name)
+            self.lab.start_node(name)
+        for name in running:
+            try:
+                self.lab.wait_for(lambda name=name: daemonlog.ready_count(self.lab.log(name)) > ready[name], 20.0)
+            except TimeoutError:
+                raise StepError(f"the daemon of {name} is not ready 20 s after a restart for the settings") from None
+        settings = ", ".join(f"{k}={v}" for k, v in wanted.items())
+        return f"settings {settings}" + (f"; restarted the daemons of {', '.join(running)}" if running else "")
 
     def _wait_for_mesh(self):
         """Holds the scenario's clock until every running daemon knows every other one."""
@@ -306,8 +344,16 @@ class Runner:
             recs, self._driver_pos[n.name] = self.lab.driver(n.name).journal.since(self._driver_pos[n.name])
             batch += [rec for rec in (self._driver_record(n.name, r) for r in recs) if rec is not None]
             now = time.monotonic()
+            for raw in self._steer_tails[n.name].lines():
+                line = daemonlog.parse_steer(raw)
+                if line is not None:
+                    self.lines[n.name].append(line)
+                    batch.append({"kind": "log", "node": n.name, "mono": now, "level": "steer", "func": line.func,
+                                  "text": line.text})
             for raw in self._tails[n.name].lines():
                 line = daemonlog.parse(raw)
+                if line is not None:
+                    self.lines[n.name].append(line)
                 if line is None or not (line.level in ("fatal", "error", "warning", "info")
                                         or daemonlog.AGED.match(line.text)):
                     continue
@@ -406,7 +452,8 @@ class Runner:
         self._step_records = []
         try:
             rec.update(getattr(self, "_do_" + step["do"])(step) or {})
-        except (StepError, KeyError, ValueError, OSError, TimeoutError) as e:
+        except (RuntimeError, KeyError, ValueError, OSError, TimeoutError) as e:
+            rec.update(getattr(e, "fields", {}))
             rec["error"] = str(e.args[0]) if isinstance(e, KeyError) and e.args else str(e)
             self.failed.append({"n": n, "do": step["do"], "at": step["at"], "error": rec["error"]})
         finally:
@@ -468,20 +515,8 @@ class Runner:
         self.world.update(self._mac(step), bands=step["bands"], why="step")
 
     def _do_radio(self, step):
-        node = self.topology.node(step["node"])
-        radio = node.radio(step["radio"])
-        index = None
-        ifnames = {v.ifname for v in node.vaps if v.radio is radio}
-        for i, names in self.lab.driver(node.name).state()["radios"].items():
-            if ifnames & set(names):
-                index = int(i)
-        if index is None:
-            raise StepError(f"the daemon of {node.name} has not added radio {radio.name} (no MAPS_CMD_ADD_RADIO)")
-        radio.channel = step.get("channel", radio.channel)      # what chan_info answers from now on
-        radio.load = step.get("load", radio.load)
-        radio.sta_num = step.get("sta_num", radio.sta_num)
-        self.lab.driver(node.name).radio_status(index, radio.channel, load=radio.load, sta_num=radio.sta_num,
-                                                work_band=BANDS[radio.band])
+        index = self.lab.driver(step["node"]).set_radio(step["radio"], step.get("channel"), step.get("load"),
+                                                        step.get("sta_num"))
         return {"radio_index": index}
 
     def _do_kill(self, step):
@@ -501,6 +536,14 @@ class Runner:
     def _do_send(self, step):
         self.lab.send(step.get("from"), step["to"], step["type"], step.get("body", {}))
 
+    def _do_cli(self, step):
+        words, _ = cli_words(step["args"], self.sc.stations, self.topology)
+        rc, out = self.lab.cli(step["node"], *words)
+        if rc != 0:
+            raise StepError(out.strip().splitlines()[0] if out.strip() else f"exit status {rc}", words=words, rc=rc,
+                            output=out)
+        return {"words": words, "rc": rc, "output": out}
+
     # -- the end ------------------------------------------------------------------------
 
     def _summary(self):
@@ -512,16 +555,19 @@ class Runner:
                 name = r.get("call") or r.get("cmd") or r.get("netlink")
                 actions[name] = actions.get(name, 0) + 1
         at = round(self.now(), 3) if self._base else 0.0
-        report = self.lab.check(since=getattr(self, "_started", None))
+        report = self.lab.check(since=self._started)
         for problem in report["problems"]:
             self.failed.append({"n": "-", "do": "check", "at": at, "error": problem})
         stations = {n.name: {v.mib: [] for v in n.vaps} for n in self.topology.nodes}
         for st in self.world.show():
             if st["mac"] in self.names and st["where"]:
                 stations[st["where"][0]][st["where"][1]].append(self.names[st["mac"]])
+        world = self.world.journal.since(self._world_start)[0] if self._world_start is not None else []
+        steering = summary.of_records(world, self.topology, self.lines, since=self._started, origin=self._base,
+                                      names=self.names)
         return {"kind": "summary", "scenario": self.sc.name, "at": at,
                 "stopped": self._stop.is_set(), "steps": sum(1 for r in self.records if r["kind"] == "step"),
                 "failed": self.failed, "stations": stations, "world_counts": self.world_history,
                 "heartbeat_counts": self.view.count_history, "neighbours": self.view.neighbour_history,
-                "messages": messages, "driver_actions": actions, "check": report,
+                "messages": messages, "driver_actions": actions, "check": report, "steering": steering,
                 "daemons": {n.name: self._daemon_state(n.name) for n in self.topology.nodes}}

@@ -29,6 +29,22 @@ BANDS = ("2G", "5L", "5H", "6G")
 BAND_CHANNELS = {"2G": range(1, 15), "5L": range(36, 197), "5H": range(36, 197), "6G": range(1, 234)}
 BAND_CURRENT = {"2G": range(1, 15), "5L": range(36, 65), "5H": range(100, 197), "6G": range(1, 234)}
 BAND_WIDTH = {"2G": 20, "5L": 80, "5H": 80, "6G": 160}
+# How a daemon reads a radio's band from its channel list: the first row whose range holds every
+# channel of the list; a list on both 5 GHz halves ("5") is told apart by the current channel.
+# So a 6 GHz radio's list needs a channel that no 2.4 or 5 GHz range holds (15 to 35, above 196).
+BAND_ROWS = (("2G", range(1, 15)), ("5L", range(36, 65)), ("5H", range(100, 197)), ("5", range(36, 197)),
+             ("6G", range(1, 234)))
+
+
+def band_of_channels(channels, channel):
+    """The band a daemon reads from a radio's channel list and current channel, or None."""
+    for band, rows in BAND_ROWS:
+        if all(c in rows for c in channels):
+            if band == "5":
+                return "5L" if channel in BAND_CURRENT["5L"] else "5H" if channel in BAND_CURRENT["5H"] else None
+            return band
+    return None
+
 WIDTHS = (20, 40, 80, 160, 320)
 NETWORK = ipaddress.ip_network("169.254.100.0/24")
 BROADCAST = "ff:ff:ff:ff:ff:ff"
@@ -66,6 +82,19 @@ CONFIG_KEYS = (
     # steering actions
     "bandherd.btm_dual_band", "bandherd.en_btm_fb", "bandherd.seesaw_interval", "bandherd.seesaw_tolerance",
     "bandherd.fb_rssi_dither",
+    # the steering controller: the driver's association control, RSSI triggers, load, protected stations
+    "bandherd.reject_probe", "bandherd.en_pre_up", "bandherd.en_pre_down", "bandherd.en_pre_ol",
+    "bandherd.en_post_up", "bandherd.en_post_down", "bandherd.en_post_ol", "bandherd.lrssi_2", "bandherd.hrssi_2",
+    "bandherd.lrssi_5", "bandherd.mode", "bandherd.lrssi_down_5", "bandherd.probe_age", "bandherd.reject_age",
+    "bandherd.active_slot", "bandherd.active_flow", "bandherd.hload_2", "bandherd.hload_5", "bandherd.hsta_2",
+    "bandherd.hsta_5", "bandherd.ssta_2", "bandherd.ssta_5", "bandherd.sload_2", "bandherd.sload_5",
+    "bandherd.load_trigger", "bandherd.ol_interval", "bandherd.band_safe_rssi_5", "bandherd.delay_reject_probe",
+    "bandherd.delay_reject_auth", "bandherd.delay_reject_age", "bandherd.delay_reject_stanum", "bandherd.pt_sta",
+    "weft.node_steering",
+    # neighbour selection by beacon reports
+    "bandherd.best_cand_reconfirm", "bandherd.full_measure", "bandherd.rcpi_trans", "bandherd.rcpi_estimate",
+    "bandherd.br_interval", "bandherd.br_burst", "bandherd.br_timeout", "bandherd.ap_safe_rssi_5",
+    "bandherd.ap_tg_ratio", "bandherd.rssi_delta",
 )
 
 _MAC = re.compile(r"[0-9a-f]{2}(:[0-9a-f]{2}){5}")
@@ -392,6 +421,10 @@ class _Parser(Checker):
             self.err(where, f"'channel' {channel!r} is not in its 'channels'")
         elif channel not in BAND_CURRENT[band]:
             self.err(where, f"'channel' {channel} is not a {band} channel")
+        elif not outside and band_of_channels(chans, channel) != band:
+            self.err(where, f"a daemon reads the band of channels {chans} as "
+                            f"{band_of_channels(chans, channel) or 'none'}, not {band} (the first of 2G 1-14, "
+                            f"5L 36-64, 5H 100-196, 5 GHz 36-196, 6G 1-233 that holds them all)")
         bandwidth = raw.get("bandwidth", BAND_WIDTH[band])
         if bandwidth not in WIDTHS:
             self.err(where, f"'bandwidth' must be one of {WIDTHS} (MHz), not {bandwidth!r}")

@@ -13,8 +13,14 @@ Everything that happens to a station is a record of kind "world" in the lab's
 journal (<lab>/world.jsonl), so a test asserts on what happened to the station:
 "add", "set", "join", "leave", "kicked", "btm_request", "btm_response", "btm_ignored",
 "beacon_request", "beacon_report", "beacon_ignored", "refused", "locked_out",
-"block", "unblock", "rssi". `check_timeline` reads such records back: how long
+"block", "unblock", "rssi", "walk". `check_timeline` reads such records back: how long
 each station was blocked on every BSS of an ESS, and how long it was locked out.
+
+A station may walk a path: its RSSI towards each BSS at given times, followed
+in straight lines between them and applied every `step` seconds, so that it
+moves away from one node and towards another (`walk`). The load its stations
+carry is part of a radio's load (`radio_figures`): each node's driver reports
+its radios when that changes, as well as every `radio_interval` seconds.
 
 Everything here runs on the lab loop's thread; the public methods hop onto it.
 """
@@ -28,6 +34,7 @@ BTM_BEHAVIOURS = ("obey", "reject", "ignore", "sticky")
 BEACON_BEHAVIOURS = ("answer", "rcpi", "ignore")
 BTM_REJECT_STATUS = 1       # 802.11's "reject, no reason given": any non-zero status is a rejection
 OUT_OF_RANGE = -95          # a BSS heard this weakly (dBm) or weaker is out of a station's reach
+PATH_STEP = 1.0             # seconds between the RSSIs a walking station hears
 DEFAULT_BANDS = BANDS["2G"] | BANDS["5L"] | BANDS["5H"]
 DEFAULT_CAPS = CAPS["HT"] | CAPS["VHT"] | CAPS["RRM"] | CAPS["BTM"]
 
@@ -58,6 +65,7 @@ class Station:
     lost_at: float = None       # monotonic time it lost its association while wanting it
     generation: int = 0         # bumped by every move: what was scheduled before is void
     reports: int = 0            # bumped when the status reports start over
+    walks: int = 0              # bumped by every new path: the old one stops
     plans: list = field(default_factory=list)       # (what, due, still valid?) it has scheduled
 
     def rssi_of(self, node, vap):
@@ -191,13 +199,42 @@ class World:
                 self._refresh(st, why)
         self.loop.call(go)
 
+    def walk(self, mac_address, path, step=PATH_STEP, start=None, why="path"):
+        """The station walks `path`: a list of {"at": seconds from `start` (a monotonic time,
+        default now), "rssi_at": as for `add`}. Between two points that name a BSS it hears that
+        BSS on a straight line from one RSSI to the other, before the first such point as it
+        did, after the last at the last RSSI; every `step` seconds it hears what the path says,
+        and a change on its own BSS is reported at once (status event). A new path, or a new
+        station of its MAC, ends the walk."""
+        if isinstance(step, bool) or not isinstance(step, (int, float)) or step <= 0:
+            raise ValueError(f"a path's step is a number of seconds above 0, not {step!r}")
+        points = self._path(path)
+        begin = time.monotonic() if start is None else start
+
+        def go():
+            st = self._station(mac_address)
+            st.walks += 1
+            walk = st.walks
+            self._record(st, "walk", points=len(points), until=points[-1][0])
+
+            def tick():
+                at = time.monotonic() - begin
+                self._hear(st, path_at(points, at), why)
+                if at < points[-1][0]:
+                    nxt = min((int(at / step) + 1) * step, points[-1][0])
+                    self._plan(st, "walk", max(0.0, nxt - (time.monotonic() - begin)), tick, lasting=True,
+                               also=lambda: st.walks == walk)
+            self._plan(st, "walk", max(0.0, begin - time.monotonic()), tick, lasting=True,
+                       also=lambda: st.walks == walk)
+        self.loop.call(go)
+
     def where(self, mac_address):
         """(node, VAP configuration-store name) or None."""
         return self.loop.call(lambda: self._where(self._station(mac_address)))
 
     def pending(self, mac_address):
         """What the station has scheduled and not done yet ("answer", "move", "return", "retry",
-        "inactive"); [] once it has nothing left to do but report its status."""
+        "inactive", "walk"); [] once it has nothing left to do but report its status."""
         return self.loop.call(lambda: [what for what, _ in self._plans(self._station(mac_address))])
 
     def timeline(self, mac_address=None):
@@ -219,6 +256,14 @@ class World:
             chosen = [self._station(mac_address)] if mac_address else list(self.stations.values())
             return [self._show(st) for st in chosen]
         return self.loop.call(go)
+
+    def radio_figures(self, node, radio):
+        """(load %, stations) of a node's radio (a topology Radio): its base load plus the load of
+        each station associated on it (at most 100), its base count plus every station its
+        driver has on one of its BSSes. Loop thread."""
+        on = [s for s in self.stations.values() if s.on and s.on[0] == node and s.on[1].radio is radio]
+        held = sum(1 for s in self.stations.values() for n, v in s.stale.items() if n == node and v.radio is radio)
+        return min(100, radio.load + sum(s.load for s in on)), min(255, radio.sta_num + len(on) + held)
 
     def counts(self):
         """{node: {VAP configuration-store name: stations its driver has}}."""
@@ -398,14 +443,29 @@ class World:
         if st.status_interval:
             self._plan(st, "status", st.status_interval, self._status, st)
 
-    def _plan(self, st, what, delay, fn, *args, lasting=False):
+    def _hear(self, st, heard, why):
+        """The station hears these BSSes ({(node, VAP kernel name): dBm}) so from now on; a
+        change on its own BSS is reported at once."""
+        before = st.rssi_of(*st.on) if st.on else None
+        changed = {bss: rssi for bss, rssi in heard.items() if st.rssi_at.get(bss, st.rssi) != rssi}
+        if not changed:
+            return
+        st.rssi_at.update(changed)
+        names = {(n.name, v.ifname): v.mib for n in self.topology.nodes for v in n.vaps}
+        self._record(st, "rssi", heard=[[node, names[(node, ifname)], rssi]
+                                        for (node, ifname), rssi in sorted(changed.items())], why=why)
+        if st.on is not None and st.rssi_of(*st.on) != before:
+            self._refresh(st, why)
+
+    def _plan(self, st, what, delay, fn, *args, lasting=False, also=None):
         """Runs fn(*args) in `delay` seconds unless, meanwhile, the station was replaced or (unless
-        `lasting`) has moved; a status report also unless the reports started over."""
+        `lasting`) has moved, or `also()` (when given) says no; a status report also unless the
+        reports started over."""
         gen, reports = st.generation, st.reports
 
         def valid():
             return (self.stations.get(st.mac) is st and (lasting or st.generation == gen)
-                    and (what != "status" or st.reports == reports))
+                    and (what != "status" or st.reports == reports) and (also is None or also()))
 
         entry = (what, time.monotonic() + delay, valid)
         st.plans.append(entry)
@@ -481,6 +541,22 @@ class World:
                 out[(n, x.ifname)] = self._checked({"rssi": rssi})["rssi"]
         return out
 
+    def _path(self, path):
+        """[(at, {(node, VAP kernel name): dBm})] of a path, checked: its points' times rise."""
+        if not isinstance(path, list) or not path:
+            raise ValueError("a path is a non-empty list of points {\"at\": seconds, \"rssi_at\": {...}}")
+        points = []
+        for i, point in enumerate(path, 1):
+            if not isinstance(point, dict) or set(point) != {"at", "rssi_at"} or not isinstance(point["rssi_at"], dict):
+                raise ValueError(f"point {i} of the path must have 'at' and 'rssi_at' (an object), and nothing else")
+            at = point["at"]
+            if isinstance(at, bool) or not isinstance(at, (int, float)) or at < 0:
+                raise ValueError(f"point {i} of the path: 'at' is a number of seconds from 0, not {at!r}")
+            if points and at <= points[-1][0]:
+                raise ValueError(f"point {i} of the path comes at {at:g} s, not after the point before it")
+            points.append((float(at), self._rssi_at(point["rssi_at"])))
+        return points
+
     def _where(self, st):
         return (st.on[0], st.on[1].mib) if st.on else None
 
@@ -507,7 +583,8 @@ class World:
                         rssi=st.rssi_of(node, vap), nss=st.nss, load=st.load, sta_num=self._count(node, vap),
                         active=st.active)
         except OSError:
-            pass  # no daemon listens there (not started, killed): the radio goes on without it
+            return  # no daemon listens there (not started, killed): the radio goes on without it
+        d.report_radios()       # its load or station count may have changed
 
     def _send(self, node, code, payload):
         try:
@@ -518,6 +595,24 @@ class World:
     def _record(self, st, what, **fields):
         self.journal.add({"kind": "world", "what": what, "mac": st.mac,
                           **{k: v for k, v in fields.items() if v is not None}})
+
+
+def path_at(points, at):
+    """What a station walking `points` ([(at, {bss: dBm})], times rising) hears at `at` seconds:
+    {bss: dBm} for each BSS a point at or before `at` names, on a straight line between the
+    points that name it (rounded to whole dBm), held at the last one's after it."""
+    out = {}
+    for bss in {b for _, heard in points for b in heard}:
+        known = [(t, heard[bss]) for t, heard in points if bss in heard]
+        if at < known[0][0]:
+            continue
+        after = next((i for i, (t, _) in enumerate(known) if t > at), None)
+        if after is None:
+            out[bss] = known[-1][1]
+        else:
+            (t0, v0), (t1, v1) = known[after - 1], known[after]
+            out[bss] = round(v0 + (v1 - v0) * (at - t0) / (t1 - t0))
+    return out
 
 
 def block_limit(topology):

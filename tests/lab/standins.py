@@ -36,6 +36,7 @@ STA_EVENT = struct.Struct("=6sBxIIbBBBB3x")      # maps_msg_sta_t
 REJECT = struct.Struct("=6sBBb")                 # maps_msg_reject_t
 BSS_TRANS = struct.Struct("=6sBB")               # maps_msg_bss_trans_rsp_t
 BEACON_HEAD, BEACON_ENTRY = struct.Struct("=6sBB"), struct.Struct("=BBbb6s")   # maps_msg_beacon_rep_t
+RADIO = struct.Struct("=BBBBI")                  # maps_msg_radio_t
 
 
 def decode_event(data):
@@ -60,6 +61,9 @@ def decode_event(data):
         entries = [BEACON_ENTRY.unpack_from(payload, 8 + 10 * i) for i in range(count)]
         return name, {"mac": sta.hex(":"), "bss": bss,
                       "reports": [(bssid.hex(":"), ch, rcpi, op) for op, ch, rcpi, _, bssid in entries]}
+    if code == 9:
+        index, channel, load, sta_num, band = RADIO.unpack(payload)
+        return name, {"radio": index, "channel": channel, "load": load, "sta_num": sta_num, "band": band}
     return name, {"hex": payload.hex()}
 
 
@@ -85,6 +89,11 @@ class EventSink:
     def of(self, mac, *names):
         """The events about one station (of the given kinds): [(name, fields)]."""
         return [(n, f) for n, f in list(self.events) if f.get("mac") == mac and (not names or n in names)]
+
+    def radio(self, index):
+        """The figures of each report of one radio: [(channel, load, sta_num, band)]."""
+        return [(f["channel"], f["load"], f["sta_num"], f["band"]) for n, f in list(self.events)
+                if n == "radio" and f["radio"] == index]
 
     def close(self):
         self.end.sock.shutdown(socket.SHUT_RDWR)

@@ -8,6 +8,7 @@ import signal
 import struct
 import subprocess
 import sys
+from xml.etree import ElementTree
 
 import pytest
 
@@ -97,6 +98,17 @@ def test_the_command_line_drives_a_running_lab(lab, lab_dir):
         assert [line.split()[2] for line in r.stdout.splitlines()] == ["add", "join"]
         r = lab_cli(lab_dir, "world", "check")
         assert r.stdout.splitlines()[0] == "longest block of a station on every BSS of its ESS: 0 s (limit 27 s)"
+        path = [{"at": 0, "rssi_at": {"B": {"wlan1": -45}}}, {"at": 0.2, "rssi_at": {"B": {"wlan1": -75}}}]
+        r = lab_cli(lab_dir, "world", "walk", phone, json.dumps(path), "--step", "0.1")
+        assert (r.returncode, r.stdout) == (0, f"{phone} walks its path\n"), r.stderr
+        lab.wait_for(lambda: not lab.world.pending(phone))
+        assert lab.world.timeline(phone)[-1]["heard"] == [["B", "wlan1", -75]]
+        picture = lab_dir / "world-picture.svg"
+        r = lab_cli(lab_dir, "picture", "--out", str(picture))
+        assert (r.returncode, r.stdout) == (0, f"{picture}\n"), r.stderr
+        rows = [g for g in ElementTree.parse(picture).getroot().iter("{http://www.w3.org/2000/svg}g")
+                if g.get("class") == "row"]
+        assert [g.get("data-station") for g in rows] == [phone]
         # The operator's front end runs inside the node and its exit status is the command's.
         r = lab_cli(lab_dir, "cli", "A", "help")
         assert (r.returncode, r.stderr) == (1, "steer_cli.sh: bandherd is not running\n")
@@ -119,7 +131,9 @@ def test_the_command_line_drives_a_running_lab(lab, lab_dir):
                 (["world", "join", phone, "A"], 1, "world join: give a NODE and a VAP, or neither"),
                 (["world", "add", STA, "--at", "A:nosuch=-60"], 1, "node A has no VAP 'nosuch'"),
                 (["world", "add", STA, "--btm", "maybe"], 2, "invalid choice: 'maybe'"),
-                (["world", "rssi", phone, "-60", "A", "nosuch"], 1, "node A has no VAP 'nosuch'")]:
+                (["world", "rssi", phone, "-60", "A", "nosuch"], 1, "node A has no VAP 'nosuch'"),
+                (["world", "walk", phone, "[]"], 1, "a path is a non-empty list of points"),
+                (["world", "radio", "A", "r5", "--load", "30"], 1, "the daemon of A has not added radio r5")]:
             r = lab_cli(lab_dir, *args)
             assert (r.returncode, r.stdout) == (status, ""), (args, r)
             assert says in r.stderr.splitlines()[-1] and (status == 2 or r.stderr.count("\n") == 1), (args, r.stderr)

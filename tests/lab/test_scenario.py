@@ -8,11 +8,13 @@ import sys
 import pytest
 
 from lab import daemonlog, scenario_check, topology
+from lab.controller import Lab
 from lab.sandbox import REPO
 from lab.scenario_run import Runner
 from standins import stand_in_lab, uwb
 
 THREE = REPO / "lab" / "topologies" / "three-node.json"
+TWO = REPO / "lab" / "topologies" / "two-node.json"
 SCENARIOS = REPO / "lab" / "scenarios"
 PHONE, LAPTOP, TV = "02:aa:00:00:09:01", "02:aa:00:00:09:02", "02:aa:00:00:09:03"
 
@@ -21,7 +23,12 @@ def test_every_mistake_in_a_scenario_is_reported_at_once():
     raw = {
         "stations": {"phone": {"mac": PHONE, "bands": ["2G", "7G"], "btm": "obeys", "rssi_at": {"A": {"wlan7": -50}}},
                      "twin": {"mac": "02:AA:00:00:09:01", "move_delay": -1},
-                     "multi": {"mac": "03:aa:00:00:09:03"}},
+                     "multi": {"mac": "03:aa:00:00:09:03"},
+                     "walker": {"mac": "02:aa:00:00:09:04", "path": [{"at": 2, "rssi_at": {"A": -50}},
+                                                                      {"at": 2, "rssi_at": {"D": -50}},
+                                                                      {"at": 20, "rssi": -50}]}},
+        "settings": {"bandherd.lrssi5": -70},
+        "path_step": 0,
         "duration": 3,
         "steps": [
             {"at": 1, "do": "join", "station": "phone", "node": "A", "bss": "wlan7"},
@@ -36,6 +43,7 @@ def test_every_mistake_in_a_scenario_is_reported_at_once():
             {"at": -1, "do": "leave", "station": "phone"},
             {"at": 8, "do": "fly", "station": "phone"},
             {"at": 9, "do": "leave", "station": "phone", "bss": "wlan0"},
+            {"at": 9, "do": "cli", "node": "A", "args": "act -t $phone $B:wlan9"},
         ],
     }
     with pytest.raises(scenario_check.ScenarioError) as e:
@@ -61,7 +69,15 @@ def test_every_mistake_in_a_scenario_is_reported_at_once():
                 "'at' must be a number of seconds from 0",
                 "'do' must be one of join, roam",
                 "unknown key 'bss'",
-                "'duration' 3 ends before the last step at 9"]
+                "'duration' 3 ends before the last step at 9",
+                "station 'walker' path point #2: 'at' 2 does not come after the point before it (2)",
+                "station 'walker' path point #2: no node 'D' in the topology",
+                "station 'walker' path point #3: 'rssi_at' is missing",
+                "station 'walker' path point #3: unknown key 'rssi'",
+                "settings: unknown config key 'bandherd.lrssi5' (did you mean 'bandherd.lrssi_5'?)",
+                "'path_step' must be a number of seconds from 0.1",
+                "'duration' 3 ends before the path of station 'walker' at 20",
+                "step #13 (cli at 9): $B:wlan9 is neither a station (phone, twin, multi, walker) nor a NODE:VAP"]
     assert [x for x in expected if x not in text] == []
     assert len(e.value.problems) == len(expected), text
     assert text.startswith("bad scenario bad.json:\n")
@@ -96,13 +112,21 @@ def test_a_daemon_log_tells_the_neighbour_table_of_its_latest_run(tmp_path):
     (line,) = tail.lines()
     assert daemonlog.neighbour_change(daemonlog.parse(line)) == ("online", "02:00:00:00:0a:00")
     assert daemonlog.parse("0.1.0 (abc)") is None
+    # A steering log record leaves its prefix on the output; the next line follows it.
+    glued = daemonlog.parse("1795305700 11/22 00:01:40 steer 1795305700 11/22 00:01:40 info scmd_act_result:79, "
+                            "steer 02:aa:00:00:01:01 to 02:00:00:00:0a:02 success")
+    assert (glued.epoch, glued.level, glued.func) == (1795305700, "info", "scmd_act_result")
+    steer = daemonlog.parse_steer("1795305700 11/22 00:01:40 sbtm_steer:405, [steer trigger] from CMD, "
+                                  "sta 02:aa:00:00:01:01 steer to bss 02:00:00:00:0a:02")
+    assert (steer.level, steer.func, steer.text[:20]) == ("steer", "sbtm_steer", "[steer trigger] from")
 
 
 @pytest.fixture(scope="module")
-def stand_ins():
+def stand_ins(steering_report):
     """A three-node lab without namespaces: A and B have stand-in daemons, C has none."""
     with stand_in_lab(THREE, "AB") as lab_and_sinks:
         yield lab_and_sinks
+        steering_report(lab_and_sinks[0])
 
 
 def test_scenario_stations_live_in_the_world_report_as_drivers_do_and_a_kicked_one_leaves(stand_ins):
@@ -125,7 +149,7 @@ def test_scenario_stations_live_in_the_world_report_as_drivers_do_and_a_kicked_o
     runner = Runner(lab, sc, on_record=kick_when_roamed)
     summary = runner.run()
     lab.wait_for(lambda: sinks["A"].of(LAPTOP, "leave"))
-    a = [(name, f["mac"], f["rssi"], f["sta_num"]) for name, f in sinks["A"].events if name != "status"]
+    a = [(name, f["mac"], f["rssi"], f["sta_num"]) for name, f in sinks["A"].events if name in ("join", "leave")]
     assert a == [("join", PHONE, -50, 1), ("join", LAPTOP, -66, 2), ("leave", PHONE, -50, 1),
                  ("leave", LAPTOP, -66, 0)]
     assert [(n, f["rssi"], f["sta_num"]) for n, f in sinks["B"].of(PHONE)][:1] == [("join", -58, 1)]
@@ -147,6 +171,45 @@ def test_scenario_stations_live_in_the_world_report_as_drivers_do_and_a_kicked_o
     assert summary["stations"]["B"] == {"wlan0": [], "wlan1": ["phone"]}
     assert [c for _, c in summary["world_counts"]["A"]] == [{"wlan0": 0, "wlan1": n} for n in (0, 1, 2, 1, 0)]
     assert summary["check"]["problems"] == [] and summary["check"]["lockouts"] == {}
+
+
+def test_a_scenario_walks_its_stations_and_their_load_is_their_radios_load(stand_ins):
+    lab, sinks = stand_ins
+    walker, streamer = "02:aa:00:00:09:05", "02:aa:00:00:09:06"
+    base = lab.topology.node("A").radio("r5").load
+    sc = scenario_check.parse({
+        "radio_interval": 0, "path_step": 0.2, "status_interval": 5,
+        "stations": {"walker": {"mac": walker, "load": 30,
+                                "path": [{"at": 0, "rssi_at": {"A": {"wlan1": -50}}},
+                                         {"at": 1, "rssi_at": {"A": {"wlan1": -80}}}]},
+                     "streamer": {"mac": streamer, "load": 25}},
+        "steps": [{"at": 0, "do": "join", "station": "walker", "node": "A", "bss": "wlan1"},
+                  {"at": 0.2, "do": "radio", "node": "A", "radio": "r5", "load": base + 10},
+                  {"at": 0.4, "do": "join", "station": "streamer", "node": "A", "bss": "wlan1"},
+                  {"at": 1.4, "do": "leave", "station": "walker"},
+                  {"at": 1.6, "do": "status", "station": "streamer", "load": 5},
+                  {"at": 1.8, "do": "radio", "node": "A", "radio": "r5", "load": base}]}, "inline", lab.topology)
+    before = len(sinks["A"].radio(2))
+    try:
+        summary = Runner(lab, sc).run()     # the drivers report radios only when they change
+        assert summary["failed"] == []
+        # A's 5 GHz radio (its daemon's radio 2): its base plus what its stations carry, at each change.
+        assert sinks["A"].radio(2)[before:] == [(36, base + 30, 1, 4), (36, base + 40, 1, 4), (36, base + 65, 2, 4),
+                                                (36, base + 35, 1, 4), (36, base + 15, 1, 4), (36, base + 5, 1, 4)]
+        # And steadily, whether they change or not.
+        reported = len(sinks["B"].radio(1))
+        lab.driver("B").set_radio_interval(0.1)
+        lab.wait_for(lambda: len(sinks["B"].radio(1)) >= reported + 3)
+        assert set(sinks["B"].radio(1)[reported:]) == {(1, 15, 0, 2)}      # channel 1, 15 %, nobody, 2.4 GHz
+    finally:
+        for name in "AB":
+            lab.driver(name).set_radio_interval(5)
+    # The walker joined where its path began, A reported its RSSI falling along the path, and its
+    # leave carries where the path ended.
+    heard = [(name, f["rssi"]) for name, f in sinks["A"].of(walker)]
+    assert heard[0] == ("join", -50) and heard[-2:] == [("status", -80), ("leave", -80)]
+    assert [r for _, r in heard[:-1]] == sorted({r for _, r in heard}, reverse=True) and len(heard) >= 4
+    lab.world.leave(streamer)
 
 
 def test_a_step_that_cannot_be_carried_out_is_recorded_and_the_rest_goes_on(stand_ins):
@@ -183,3 +246,30 @@ def test_the_command_line_checks_a_scenario_before_it_needs_a_lab(lab_dir, tmp_p
     r = cli(str(SCENARIOS / "roam.json"))
     assert r.returncode == 1
     assert f"no lab runs in {lab_dir}; start one first: python3 -m lab up {THREE}" in r.stderr
+
+
+def test_a_scenario_configures_the_daemons_and_runs_the_operators_front_end(bandherd, lab_dir):
+    with Lab(bandherd) as lab:
+        lab.up(TWO, lab_dir)
+        first = {n: lab.start_node(n).pid for n in "AB"}
+        for n in "AB":
+            lab.wait_log(n, r"bandherd is ready\.")
+        sc = scenario_check.parse({
+            "settings": {"bandherd.btm_timeout": 9},
+            "stations": {"phone": {"mac": PHONE}},
+            "steps": [{"at": 0, "do": "cli", "node": "A", "args": "help"},
+                      {"at": 0, "do": "cli", "node": "B", "args": ["act", "-t", "$phone", "$A:wlan1"]}]},
+            "inline", lab.topology)
+        summary = Runner(lab, sc).run()
+        # Both daemons were restarted with the key in their configuration before the clock started.
+        assert {n: lab.daemon(n).pid != first[n] for n in "AB"} == {"A": True, "B": True}
+        assert all("bandherd.btm_timeout=9\n" in (lab.node_dir(n) / "bandherd.conf").read_text() for n in "AB")
+        assert daemonlog.ready_count(lab.log("A")) == 2
+        # A step's words name stations and BSSes; a front end that fails fails its step.
+        ran = {f["n"]: f["error"] for f in summary["failed"]}
+        assert ran == {2: f"error: can't find {PHONE}"}
+        recs = [json.loads(line) for line in (lab.dir / "timeline.jsonl").read_text().splitlines()]
+        cli = [(r["node"], r["words"], r["rc"], r["output"].splitlines()[0]) for r in recs if r.get("do") == "cli"]
+        assert cli == [("A", ["help"], 0, "Avaliable commands:"),
+                       ("B", ["act", "-t", PHONE, "02:00:00:00:0a:02"], 1, f"error: can't find {PHONE}")]
+        assert recs[1]["kind"] == "note" and "restarted the daemons of A, B" in recs[1]["text"]

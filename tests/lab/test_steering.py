@@ -35,7 +35,7 @@ BLOCKED, DEFAULT = "MAPS_BLOCK_BSS", "MAPS_BLOCK_DEFAULT"
 
 
 @pytest.fixture(scope="module")
-def lab(bandherd):
+def lab(bandherd, steering_report):
     import tempfile
     lab = Lab(bandherd)
     try:
@@ -46,6 +46,7 @@ def lab(bandherd):
             lab.wait_for(lambda n=name: len(re.findall(r"neighbor \S+ is online", lab.log(n))) >= 2, 40.0)
         yield lab
     finally:
+        steering_report(lab)
         lab.down()
 
 
@@ -96,6 +97,12 @@ def settle(lab, sta, where):
         lab.wait_for(lambda n=n: block(lab, n, sta) in (None, (DEFAULT, 0)), 20.0)
 
 
+def steers_of(lab, sta):
+    """The steers of one station as the lab's steering summary tells them."""
+    return [(s["node"], s["mechanism"], s["reason"], s["outcome"], s["ended_on"]) for s in lab.summary()["steers"]
+            if s["mac"] == sta]
+
+
 def requests(lab, node, sta):
     return [c for c in lab.driver(node).calls("bss_trans_req") if c["args"]["sta"] == sta]
 
@@ -114,6 +121,7 @@ def test_btm_within_a_node_moves_an_obeying_station_with_one_request(lab):
                    f"[steer btm] BTM Steering for {sta} status = 0(accept)",
                    f"[steer result] sta {sta} steer to bss {A_5} SUCCESS"):
         assert record in log
+    assert steers_of(lab, sta) == [("A", "BTM", "CMD", "success", ["A", "wlan1"])]
 
 
 def test_btm_across_nodes_hands_the_station_to_the_target_node(lab):
@@ -137,6 +145,8 @@ def test_a_station_without_btm_is_blocked_everywhere_but_the_target_and_kicked(l
     assert (BLOCKED, 0b110) in sets["A"] and (BLOCKED, 0b010) in sets["B"] and (BLOCKED, 0b110) in sets["C"]
     timeline = whats(lab, sta)
     assert timeline[:3] == ["join", "kicked", "leave"] and timeline[-1] == "join"
+    # Why, the command channel's result tells: it comes once the station is on the target.
+    lab.wait_for(lambda: steers_of(lab, sta) == [("A", "Backoff", "CMD", "success", ["B", "wlan1"])])
     assert "refused" in timeline  # on A and on B's 2.4 GHz, on its way
     assert lab.driver("A").records(kind="event", event="MAPS_EV_REJECT")
 

@@ -34,6 +34,9 @@ def test_shipped_topologies_describe_a_portal_and_its_nodes():
     assert c.uplink_ifname == c.backhaul.ifname
     assert three.node("B").backhaul is None and three.node("B").uplink_ifname == "eth0"
     assert [n.address for n in three.nodes] == ["169.254.100.1", "169.254.100.2", "169.254.100.3"]
+    six = topology.load(TOPOLOGIES / "six-ghz.json")
+    assert [r.band for r in six.node("A").radios] == ["2G", "5L", "6G"] and len(six.node("A").vaps) == 3
+    assert six.node("A").config["bandherd.ess"] == "wlan0,wlan1,wlan2"
 
 
 def test_nodes_and_vaps_are_found_by_any_of_their_names():
@@ -122,6 +125,8 @@ MISTAKES = [
      "channels [36] are not 2G channels"),
     ("5L radio on a 5H channel", lambda raw: raw["nodes"][0]["radios"][1].update(channels=[36, 149], channel=149),
      "'channel' 149 is not a 5L channel"),
+    ("6 GHz radio whose channels read as 2.4 GHz", _set(["A", "radios", 0, "band"], "6G"),
+     "a daemon reads the band of channels [1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11] as 2G, not 6G"),
     ("radio load over 100", _set(["A", "radios", 1, "load"], 101), "'load' must be an integer from 0 to 100"),
     ("two radios with one name", _set(["A", "radios", 1, "name"], "r2"), "two radios are named 'r2'"),
     ("address outside the lab's range", _set(["B", "address"], "192.168.1.2"),
@@ -174,3 +179,31 @@ def test_unreadable_files_are_reported(tmp_path):
     bad.write_text('{"nodes": [}')
     with pytest.raises(TopologyError, match=r"bad topology .*bad.json:\n  not JSON"):
         topology.load(bad)
+
+
+def test_the_6_ghz_topology_runs_its_daemons_and_its_6_ghz_radio_and_stations(bandherd, lab_dir):
+    from lab.controller import Lab
+    sta = "02:aa:00:00:06:01"
+    with Lab(bandherd) as lab:
+        lab.up(TOPOLOGIES / "six-ghz.json", lab_dir)
+        lab.driver("A").set_radio_interval(0.5)
+        for name in "AB":
+            lab.start_node(name)
+        for name in "AB":
+            lab.wait_log(name, r"bandherd is ready\.")
+        a = lab.driver("A")
+        six = a.radio_index(lab.node("A").radio("r6"))
+        assert sorted(a.state()["radios"]) == [1, 2, 3] and a.state()["radios"][six] == ["wl6g0"]
+        # Every VAP of A lists the 6 GHz BSS in its 802.11k neighbour report, on band 6.
+        assert {vap: nbrs.get("02:00:00:00:0a:03") for vap, nbrs in a.state()["rrm_neighbors"].items()} == {
+            vap: {"ifname": "wl6g0", "channel": 37, "band": 6, "ssid": "herd"} for vap in ("wl2g0", "wl5g0", "wl6g0")}
+        # The daemon takes the driver's reports of the 6 GHz radio: A's heartbeat tells B its load.
+        radio = {"work_band": 16, "channel": 37, "load": 5, "sta_num": 0}
+        lab.wait_for(lambda: any(radio in (m["body"] or {}).get("radio", [])
+                                 for m in lab.relay.messages(type="SNEI_HEARTBEAT", sender="A")), 15.0)
+        # A 6 GHz station goes to the 6 GHz BSS, where it is heard best, and is announced.
+        lab.world.add(sta, bands=16 | 14, caps=31, rssi_at={"A": {"wlan2": -40}})
+        assert lab.world.associate(sta) == ("A", "wlan2")
+        lab.wait_log("A", sta + r" associate bss\d\(wlan2\), capability:0x1f, bands:0x1e")
+        lab.wait_log("B", sta + " associate node")
+        assert lab.daemon("A").returncode is None and lab.daemon("B").returncode is None

@@ -2,10 +2,14 @@
 a daemon sends (MAPS commands and Wi-Fi calls over each node's uwb socket) and reads what the
 drivers send back on each node's netlink end, and the stations' timelines."""
 
+import time
+from xml.etree import ElementTree
+
 import pytest
 
+from lab import daemonlog, summary, svg
 from lab.sandbox import REPO
-from lab.world import check_timeline
+from lab.world import check_timeline, path_at
 from lab import topology
 from standins import (BLOCK_BSS, BLOCK_DEFAULT, BLOCK_DISABLE, daemon_start, mac_bytes, set_config, set_radio,
                       set_sta, stand_in_lab, steer_maps, uwb)
@@ -13,6 +17,7 @@ from standins import (BLOCK_BSS, BLOCK_DEFAULT, BLOCK_DISABLE, daemon_start, mac
 THREE = REPO / "lab" / "topologies" / "three-node.json"
 A_24, A_5, B_24, B_5, C_24, C_5 = (f"02:00:00:00:0{n}:0{b}" for n in "abc" for b in "12")
 HT, RRM, BTM = 1, 4, 8
+SVG = "{http://www.w3.org/2000/svg}"
 FULL = HT | 2 | RRM | BTM
 BAND_ACCEPT, BAND_BLOCK, BAND_BLOCK_RSSI = 0, 1, 2
 FAST = {"answer_delay": 0.05, "move_delay": 0.1, "return_after": 0.3, "retry_after": 0.2, "status_interval": 0}
@@ -241,3 +246,116 @@ def test_the_timeline_has_the_drivers_blocks_and_an_associated_station_reports_s
     on_5 = lambda: [f for _, f in sinks["A"].of(mac, "status") if f["bss"] == 2]    # noqa: E731
     lab.wait_for(lambda: len(on_5()) >= 3)
     assert {(f["rssi"], f["sta_num"]) for f in on_5()} == {(-60, 1)}
+
+
+A, B = ("A", "wl5g0"), ("B", "wl5g0")
+PATH_CASES = [
+    # seconds into the path, and what the station hears then of the BSSes the path names
+    (-1, {}),                                         # before the path: nothing from it
+    (0, {A: -50, B: -90}),
+    (5, {A: -70, B: -70}),                            # half way along both lines
+    (7.5, {A: -80, B: -60}),
+    (10, {A: -90, B: -50}),
+    (11, {A: -90, B: -48}),                           # A held; B on to its point at 20 s; C from 12 s
+    (12, {A: -90, B: -46, ("C", "wl2g0"): -40}),
+    (16, {A: -90, B: -38, ("C", "wl2g0"): -40}),
+    (99, {A: -90, B: -30, ("C", "wl2g0"): -40}),
+]
+
+
+def test_a_path_is_followed_on_straight_lines_between_the_points_that_name_a_bss():
+    points = [(0, {A: -50, B: -90}), (10, {A: -90, B: -50}), (12, {("C", "wl2g0"): -40}), (20, {B: -30})]
+    assert [path_at(points, at) for at, _ in PATH_CASES] == [heard for _, heard in PATH_CASES]
+
+
+def test_a_walking_station_is_reported_as_it_goes_and_goes_where_its_path_led(air):
+    lab, sinks = air
+    mac = station(lab, 60, where=("A", "wlan1"))
+    with pytest.raises(ValueError, match="point 2 of the path comes at 0 s, not after"):
+        lab.world.walk(mac, [{"at": 0, "rssi_at": {"A": -50}}, {"at": 0, "rssi_at": {"A": -60}}])
+    with pytest.raises(ValueError, match="node A has no VAP 'wlan7'"):
+        lab.world.walk(mac, [{"at": 0, "rssi_at": {"A": {"wlan7": -50}}}])
+    lab.world.walk(mac, [{"at": 0, "rssi_at": {"A": {"wlan1": -50}, "C": -90}},
+                         {"at": 1, "rssi_at": {"A": {"wlan1": -90}, "C": -40}}], step=0.2)
+    settled(lab, mac)       # the walk is over
+    # A's driver reported each change of the RSSI on its own BSS, on the line from -50 to -90.
+    heard = [f["rssi"] for _, f in sinks["A"].of(mac, "status")]
+    assert heard[0] == -50 and heard[-1] == -90 and len(heard) >= 3
+    assert heard == sorted(set(heard), reverse=True)
+    # Kicked, it goes to the strongest BSS it hears now: one of C's.
+    assert uwb(lab.node_dir("A"), f"kick_sta wlan1 {mac}") == "0"
+    settled(lab, mac)
+    assert lab.world.where(mac) == ("C", "wlan0")
+    assert [r["heard"] for r in lab.world.timeline(mac) if r["what"] == "rssi"][-1] == [
+        ["A", "wlan1", -90], ["C", "wlan0", -40], ["C", "wlan1", -40]]
+
+
+def test_the_steering_summary_and_the_picture_tell_each_steer_from_the_worlds_records(air):
+    lab, _ = air
+    since, second = time.monotonic(), int(time.time())
+    up = station(lab, 70, btm="obey")                              # on A's 2.4 GHz BSS
+    back = station(lab, 71, btm="reject", rssi_at={"B": {"wlan0": -50}})
+    plain = station(lab, 72, caps=HT, rssi_at={"B": {"wlan0": -50}})
+    for mac in (up, back):
+        assert uwb(lab.node_dir("A"), f"bss_trans_req wlan0 {mac} {B_5} 44") == "0"
+    settled(lab, back)
+    # A falls back to Backoff for `back`: every BSS blocked but B's 5 GHz one, then a kick.
+    for node, bits in (("A", 0b110), ("B", 0b010), ("C", 0b110)):
+        set_sta(lab, node, back, BLOCK_BSS, bits)
+    assert uwb(lab.node_dir("A"), f"kick_sta wlan0 {back}") == "0"
+    # And Backoff for `plain`, towards C's 5 GHz BSS, but B and C do not block it: it goes to B.
+    blocked = int(time.time())
+    set_sta(lab, "A", plain, BLOCK_BSS, 0b110)
+    assert uwb(lab.node_dir("A"), f"kick_sta wlan0 {plain}") == "0"
+    # The operator's Backoff steer of `forced` to B's 5 GHz BSS: only the command channel's result tells why.
+    forced = station(lab, 73, caps=HT)
+    for node, bits in (("A", 0b110), ("B", 0b010), ("C", 0b110)):
+        set_sta(lab, node, forced, BLOCK_BSS, bits)
+    assert uwb(lab.node_dir("A"), f"kick_sta wlan0 {forced}") == "0"
+    for mac in (up, back, plain, forced):
+        settled(lab, mac)
+    logs = {"A": [daemonlog.parse_steer(f"{second} 01/01 00:00:00 sbtm_steer:1, [steer trigger] from {why}, "
+                                        f"sta {mac} steer to bss {B_5}") for why, mac in (("HIGH_RSSI", up),
+                                                                                          ("CMD", back))]
+            + [daemonlog.parse(f"{second} 01/01 00:00:00 debug sctl_low_rssi_event:1, low rssi of {plain}, -80dBm"),
+               daemonlog.parse(f"{blocked} 01/01 00:00:00 info sboff_steer:1, try to steer {plain} to {C_5} "
+                               "with Backoff, rssi: -80dBm"),
+               daemonlog.parse(f"{int(time.time())} 01/01 00:00:00 info scmd_act_result:1, steer {forced} to {B_5} "
+                               "success")]}
+    found = summary.of_records(lab.world.timeline(), lab.topology, logs, since=since,
+                               names={up: "up", back: "back", plain: "plain", forced: "forced"})
+    assert [(s["station"], s["node"], s["mechanism"], s["reason"], s["fallback"], s["target_node"], s["target_vap"],
+             s["outcome"], s["ended_on"]) for s in found["steers"]] == [
+        ("up", "A", "BTM", "HIGH_RSSI", False, "B", "wlan1", "success", ["B", "wlan1"]),
+        ("back", "A", "BTM", "CMD", False, "B", "wlan1", "failure", None),
+        ("back", "A", "Backoff", "CMD", True, "B", "wlan1", "success", ["B", "wlan1"]),
+        ("plain", "A", "Backoff", "LOW_RSSI", False, "C", "wlan1", "failure", ["B", "wlan0"]),
+        ("forced", "A", "Backoff", "CMD", False, "B", "wlan1", "success", ["B", "wlan1"])]
+    times = [s["time"] for s in found["steers"] if s["time"] is not None]
+    assert all(t >= FAST["move_delay"] for t in times)     # each moved only after its move delay
+    f = found["figures"]
+    assert (f["steers"], f["succeeded_in_all"]) == (5, 3)
+    assert f["attempted"] == {"BTM": {"HIGH_RSSI": 1, "CMD": 1}, "Backoff": {"CMD": 2, "LOW_RSSI": 1}}
+    assert f["succeeded"] == {"BTM": {"HIGH_RSSI": 1}, "Backoff": {"CMD": 2}}
+    assert f["median_time"] == sorted(times)[1]
+    assert f["longest_lockout"][0] in ("back", "plain", "forced") and f["longest_lockout"][1] >= FAST["move_delay"]
+    assert f["per_band"] == {"2G": 1, "5L": 3} and f["per_node"] == {"A": 0, "B": 4, "C": 0}
+    # The picture of the same records: a row per station, its associations and marks.
+    names = {up: "up", back: "back", plain: "plain", forced: "forced"}
+    recs = [{**r, "station": names[r["mac"]]} for r in lab.world.timeline() if r["mac"] in names]
+    root = ElementTree.fromstring(svg.draw(recs, lab.topology, "four steers"))
+    rows = {g.get("data-station"): g for g in root.iter(f"{SVG}g") if g.get("class") == "row"}
+    assert list(rows) == ["up", "back", "plain", "forced"]
+
+    def drawn(row):
+        classes = [g.get("class") for g in row.iter(f"{SVG}g") if g is not row]
+        return {c: classes.count(c) for c in classes}, len([x for x in row.iter(f"{SVG}line")
+                                                            if x.get("class") == "lockout"])
+    bars = {"bar band-2G": 1, "bar band-5L": 1}
+    assert {name: drawn(row) for name, row in rows.items()} == {
+        "up": ({**bars, "mark btm-request": 1, "mark btm-accept": 1}, 1),
+        "back": ({**bars, "mark btm-request": 1, "mark btm-reject": 1, "mark block": 3, "mark kick": 1,
+                  "mark refused": 3}, 1),
+        "plain": ({"bar band-2G": 2, "mark block": 1, "mark kick": 1}, 1),
+        "forced": ({**bars, "mark block": 3, "mark kick": 1, "mark refused": 3}, 1)}
+    assert [t.text for t in rows["plain"].iter(f"{SVG}text")][1:] == ["A", "B"]    # each bar names its node
