@@ -554,8 +554,8 @@ def show_picture(result, args):
     recs = result["records"]
     origin = recs[0]["mono"] if recs else None
     end = result["now"] - origin if result["now"] is not None and origin is not None else None
-    print(write_picture(args, Path(args.out) if args.out else Path(args.dir) / WORLD_SVG, recs, f"the radio world of {args.dir}",
-                        origin, end))
+    out = Path(args.out) if args.out else Path(args.dir) / WORLD_SVG
+    print(write_picture(args, out, recs, f"the radio world of {args.dir}", origin, end))
 
 
 @served("picture", "draw the radio world's timeline as SVG, a row per station (when no lab runs, the last one's)",

@@ -47,8 +47,9 @@ def step_words(rec):
     elif do == "cli":
         args = rec.get("words") or rec.get("args") or []
         said = (rec.get("output") or "").strip().splitlines()
-        text = f"{node}'s operator runs steer_cli.sh {' '.join(args if isinstance(args, list) else [args])}" \
-            + (f": {said[0]}" + (f" (+{len(said) - 1} lines)" if len(said) > 1 else "") if said and not rec.get("error") else "")
+        text = f"{node}'s operator runs steer_cli.sh {' '.join(args if isinstance(args, list) else [args])}"
+        if said and not rec.get("error"):
+            text += f": {said[0]}" + (f" (+{len(said) - 1} lines)" if len(said) > 1 else "")
     else:
         text = json.dumps(rec)
     note = f"  ({rec['note']})" if rec.get("note") else ""
@@ -68,8 +69,8 @@ def describe(rec, verbose=False):
     if kind == "step":
         return f"{head}step   {step_words(rec)}"
     if kind == "event":
-        if rec.get("why") == "status" and not verbose and not rec.get("error"):
-            return None
+        if rec.get("why") == "status" and not verbose and (not rec.get("error") or rec["event"] == "RADIO_STATUS"):
+            return None     # periodic reports (a radio's, to a daemon that is down, too)
         err = f"  ({rec['error']})" if rec.get("error") else ""
         why = "" if rec.get("why") in ("step", None) else f"  [{rec.get('why')}]"
         who = f" {rec['station']}" if "station" in rec else ""

@@ -24,7 +24,7 @@ from pathlib import Path
 from lab import daemonlog, summary
 from lab.sandbox import exit_text
 from lab.scenario_check import MESH_WAIT, POLL, QUERIES, TIMELINE, ScenarioError, check_against, cli_words
-from lab.topology import BROADCAST
+from lab.topology import BROADCAST, conf_value
 
 
 class StepError(RuntimeError):
@@ -250,8 +250,8 @@ class Runner:
     def _settle_settings(self):
         """Gives every node the scenario's settings; the running daemons are restarted to read them
         (and waited for until ready). Returns what was done, in words, or None when nothing was."""
-        wanted = {k: str(v) for k, v in self.sc.settings.items()}
-        if all({k: str(n.config.get(k)) for k in wanted} == wanted for n in self.topology.nodes):
+        wanted = {k: conf_value(v) for k, v in self.sc.settings.items()}
+        if all({k: conf_value(n.config.get(k)) for k in wanted} == wanted for n in self.topology.nodes):
             return None
         running = [n.name for n in self.topology.nodes if self._daemon_state(n.name) == "running"]
         ready = {name: daemonlog.ready_count(self.lab.log(name)) for name in running}

@@ -115,11 +115,11 @@ def draw(records, topology, title="the radio world", origin=None, end=None):
         for start, node, vap, stop in bars:
             band = bands.get((node, vap), "?")
             width = max(1.0, x(stop) - x(start))
-            body.append(f'<g class="bar band-{band}"><title>{escape(f"{node} {vap} ({band}), {start:.2f} to {stop:.2f} s")}'
-                        f'</title><rect x="{x(start):.1f}" y="{y - BAR // 2}" width="{width:.1f}" height="{BAR}" '
-                        f'rx="3" fill="{BAND_COLOURS.get(band, "#999")}"/>'
-                        + (f'<text x="{x(start) + 4:.1f}" y="{y + 4}" font-size="10" fill="#fff">{escape(str(node))}</text>'
-                           if width > 14 else "") + '</g>')
+            tip = escape(f"{node} {vap} ({band}), {start:.2f} to {stop:.2f} s")
+            label = (f'<text x="{x(start) + 4:.1f}" y="{y + 4}" font-size="10" fill="#fff">{escape(str(node))}</text>'
+                     if width > 14 else "")
+            body.append(f'<g class="bar band-{band}"><title>{tip}</title><rect x="{x(start):.1f}" y="{y - BAR // 2}" '
+                        f'width="{width:.1f}" height="{BAR}" rx="3" fill="{BAND_COLOURS.get(band, "#999")}"/>{label}</g>')
         for start, stop in out:
             body.append(f'<line class="lockout" x1="{x(start):.1f}" y1="{y}" x2="{x(stop):.1f}" y2="{y}" '
                         f'stroke="#d7191c" stroke-width="2" stroke-dasharray="4,3"><title>out {stop - start:.2f} s'

@@ -196,7 +196,7 @@ class Node:
 
     def conf_lines(self):
         """The node's bandherd.conf text."""
-        return "".join(f"{k}={_conf_value(v)}\n" for k, v in self.config.items())
+        return "".join(f"{k}={conf_value(v)}\n" for k, v in self.config.items())
 
 
 @dataclass
@@ -247,7 +247,8 @@ def config_problems(settings):
     return problems
 
 
-def _conf_value(v):
+def conf_value(v):
+    """A configuration value as its key=value line writes it."""
     if isinstance(v, bool):
         return "1" if v else "0"
     return str(v)
