@@ -32,7 +32,7 @@ POLL = 0.05
 # Wi-Fi calls that only ask: recorded as queries, shown by `describe` only when verbose.
 QUERIES = {"os_ifname", "mib_ifname", "bssmode", "ap_cap", "chan_info", "channel_list", "ssid",
            "sta_maxnum", "sta_info", "bssid"}
-RELAY_ACTIONS = ("drop", "delay", "partition", "heal", "clear")
+RELAY_ACTIONS = ("drop", "delay", "loss", "partition", "heal", "clear")
 
 # Per step kind: required keys and optional keys (besides "at", "do" and "note").
 STEPS = {
@@ -45,7 +45,7 @@ STEPS = {
     "radio": (["node", "radio"], ["channel", "load", "sta_num"]),
     "kill": (["node"], ["signal"]),
     "start": (["node"], []),
-    "relay": (["action"], ["types", "seconds", "groups"]),
+    "relay": (["action"], ["types", "seconds", "groups", "fraction"]),
     "send": (["to", "type"], ["from", "body"]),
     "cli": (["node", "args"], []),
 }
@@ -427,6 +427,10 @@ class _Checker(topo_mod.Checker):
                 check_seconds(raw.get("seconds"))
             except ValueError:
                 self.err(where, "a delay needs 'seconds', a number from 0")
+        if action == "loss":
+            fraction = raw.get("fraction")
+            if isinstance(fraction, bool) or not isinstance(fraction, (int, float)) or not 0 <= fraction <= 1:
+                self.err(where, "a loss needs 'fraction', a number from 0 to 1")
         if action == "partition":
             groups = raw.get("groups")
             if not (isinstance(groups, list) and groups and all(isinstance(g, list) for g in groups)):
@@ -449,7 +453,7 @@ class _Checker(topo_mod.Checker):
             if kind == "join":
                 if name in on:
                     self.err(where, f"it is associated on {on[name]} then; use roam")
-                on[name] = s["node"]
+                on[name] = s.get("node", "its strongest BSS")
             elif kind in ("roam", "leave", "rssi", "status"):
                 if name not in on:
                     self.err(where, "it is not associated then")

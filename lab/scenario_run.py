@@ -530,7 +530,8 @@ class Runner:
         return {"pid": self.lab.start_node(step["node"]).pid}
 
     def _do_relay(self, step):
-        self.lab.relay.apply(step["action"], step.get("types"), step.get("seconds"), step.get("groups"))
+        self.lab.relay.apply(step["action"], step.get("types"), step.get("seconds"), step.get("groups"),
+                             step.get("fraction"))
         return {"faults": self.lab.relay.faults()}
 
     def _do_send(self, step):

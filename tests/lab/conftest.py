@@ -44,16 +44,17 @@ _STEERING = {}      # test module -> the steering summaries of the labs it broug
 
 @pytest.fixture(scope="module")
 def steering_report(request):
-    """note(lab) keeps the steering summary of a lab the module brought up (call it before the lab
-    goes down); the end of the run shows each module's steers, median time to steer and longest
-    lock-out."""
-    def note(lab):
+    """note(lab[, name]) keeps the steering summary of a lab the module brought up (call it before
+    the lab goes down); the end of the run shows each module's (or each named lab's) steers, median
+    time to steer and longest lock-out."""
+    def note(lab, name=None):
         if lab.world is None:
             return
+        key = request.module.__name__ + (f" {name}" if name else "")
         try:
-            _STEERING.setdefault(request.module.__name__, []).append(lab.summary())
+            _STEERING.setdefault(key, []).append(lab.summary())
         except Exception as e:      # the figures are for people: a failure to read them fails no test
-            _STEERING.setdefault(request.module.__name__, []).append({"error": f"{type(e).__name__}: {e}"})
+            _STEERING.setdefault(key, []).append({"error": f"{type(e).__name__}: {e}"})
     return note
 
 
