@@ -70,6 +70,9 @@ def test_scenario(bandherd, steering_report, name):
         for r in lab.world.timeline():
             if r["mac"] in names:
                 timeline[names[r["mac"]]].append(r)
+        if name == "walk":  # the camera's reports in RCPI were read as such
+            rc, out = lab.cli("A", "sta", sc.stations["camera"].mac)
+            assert "sns/abnormal_rcpi: 1" in out, out
         if name == "offload":  # the latecomer was turned away from the overloaded radio
             assert any(r["what"] == "refused" and r["vap"] == "wlan1" for r in timeline["latecomer"])
             modes = [c["fields"]["mode"] for c in lab.driver("A").commands("SET_RADIO") if c["fields"]["index"] == 2]
@@ -98,6 +101,9 @@ def test_faults_end_every_steer_and_keep_attempts_bounded(bandherd, steering_rep
         per_hour = len(attempts) * 3600 / summary["at"]
         assert 1 <= len(attempts) <= 3, attempts
         assert per_hour <= 150
+        # and its failures left the target prohibited.
+        rc, out = lab.cli("A", "allow", stubborn, "02:00:00:00:0a:02")
+        assert (rc, out.splitlines()[0]) == (0, "sact_allowed: No"), out
         # Every node that survived has let go of every steer.
         for node in ("A", "C"):
             rc, out = lab.cli(node, "sta", "-l")
