@@ -75,8 +75,10 @@ def test_scenario(bandherd, steering_report, name):
             assert "sns/abnormal_rcpi: 1" in out, out
         if name == "offload":  # the latecomer was turned away from the overloaded radio
             assert any(r["what"] == "refused" and r["vap"] == "wlan1" for r in timeline["latecomer"])
-            modes = [c["fields"]["mode"] for c in lab.driver("A").commands("SET_RADIO") if c["fields"]["index"] == 2]
-            assert modes[-2:] == ["MAPS_BAND_BLOCK", "MAPS_BAND_BLOCK_RSSI"]
+            radio = next(v.radio for v in lab.topology.node("A").vaps if v.mib == "wlan1")
+            index = lab.driver("A").radio_index(radio)
+            modes = [c["fields"]["mode"] for c in lab.driver("A").commands("SET_RADIO") if c["fields"]["index"] == index]
+            assert modes[-2:] == ["MAPS_BAND_BLOCK", "MAPS_BAND_BLOCK_RSSI"], modes  # refused, then welcome
         if name == "protect":  # the tablet only moved once the operator let it
             pt_del = next(r["t"] for r in records if r["kind"] == "step" and r["do"] == "cli"
                           and r["words"][:2] == ["pt", "del"])
