@@ -168,7 +168,8 @@ bool sact_allow_steer(ssta_status_t *sta, sap_bss_t *target_bss)
         LOG_DUMP("%s:%d, " MAC_FMT " is not suitable for steering because of protection", MAC_ARG(sta->mac));
         return false;
     }
-    if (sbtm_allowed(sta, bssid)) {
+    bool btm_ok = sbtm_allowed(sta, bssid);
+    if (btm_ok) {
         if (sta->bands & MAPS_6G) {
             sta->bands |= SACT_ALL_BANDS;
             LOG_INFO("%s:%d, " MAC_FMT " support 6G capability, so it support 5G and 2.4G", MAC_ARG(sta->mac));
@@ -180,14 +181,16 @@ bool sact_allow_steer(ssta_status_t *sta, sap_bss_t *target_bss)
             return true;
         }
     }
-    if (sboff_allowed(sta, bssid) && !band_unsupported)
+    bool boff_ok = sboff_allowed(sta, bssid);
+    if (boff_ok && !band_unsupported)
         return true;
-    if (target_bss) {
-        LOG_DUMP("%s:%d, " MAC_FMT " is not suitable for steering, maybe it doesn't support the target band, target " MAC_FMT,
-                 MAC_ARG(sta->mac), MAC_ARG(bssid));
-    } else {
+    if (!target_bss) {
         LOG_DUMP("%s:%d, " MAC_FMT " is not suitable for steering, maybe it doesn't allow_btm and allow_boff",
                  MAC_ARG(sta->mac));
+    } else if (btm_ok || boff_ok) {  // a mechanism would have taken it, but not to that band
+        LOG_DUMP("%s:%d, " MAC_FMT " is not suitable for steering, maybe it doesn't support the target band, "
+                 "target " MAC_FMT,
+                 MAC_ARG(sta->mac), MAC_ARG(bssid));
     }
     return false;
 }
@@ -278,7 +281,8 @@ void sact_sta_join_event(ssta_status_t *sta, sap_bss_t *bss)
         if (s->steer_time == 0 || !mac_equal(s->server_bssid, bss->bssid) ||
             !(g_time < s->steer_time + s_conf.seesaw_interval))
             continue;
-        LOG_INFO("%s:%d, " MAC_FMT " roams back to the previous serving bss " MAC_FMT ", it has been steered to " MAC_FMT,
+        LOG_INFO("%s:%d, " MAC_FMT " roams back to the previous serving bss " MAC_FMT
+                 ", it has been steered to " MAC_FMT,
                  MAC_ARG(sta->mac), MAC_ARG(bss->bssid), MAC_ARG(s->target_bssid));
         s->steer_time = 0;
         s->seesaw_cnt++;

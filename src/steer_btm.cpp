@@ -357,10 +357,12 @@ bool sbtm_allowed(ssta_status_t *sta, const uint8_t *bssid)
                  MAC_ARG(sta->mac));
         return false;
     }
-    sap_radio_t *radio = ssta_get_serving_radio(sta);
-    if (s_conf.btm_no_2g && radio && radio->work_band == MAPS_2G) {
-        LOG_DUMP("%s:%d, " MAC_FMT " is not suitable for BTM Steering because it's on 2g", MAC_ARG(sta->mac));
-        return false;
+    if (s_conf.btm_no_2g) {
+        sap_radio_t *radio = ssta_get_serving_radio(sta);
+        if (radio && radio->work_band == MAPS_2G) {
+            LOG_DUMP("%s:%d, " MAC_FMT " is not suitable for BTM Steering because it's on 2g", MAC_ARG(sta->mac));
+            return false;
+        }
     }
     if (btm->state != SBTM_STATE_IDLE) {
         LOG_DUMP("%s:%d, " MAC_FMT " is not suitable for BTM steering because it's busy", MAC_ARG(sta->mac));
