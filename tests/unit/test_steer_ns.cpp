@@ -45,14 +45,7 @@ void report(const std::vector<record> &records, size_t size = sizeof(maps_msg_be
 
 std::string shown(ssta_status_t *sta)
 {
-    char *text = nullptr;
-    size_t size = 0;
-    FILE *f = open_memstream(&text, &size);
-    sns_print_sta(f, sta, true);
-    fclose(f);
-    std::string out(text, size);
-    free(text);
-    return out;
+    return print([](FILE *f, ssta_status_t *s) { sns_print_sta(f, s, true); }, sta);
 }
 
 // A measuring station on this node's 5 GHz BSS with neighbour B on the same channel.
