@@ -320,25 +320,19 @@ class Relay:
         return rec
 
     def _deliver(self, rec, data, targets):
-        """Delivers to each node in turn; the record says so before the next, so that whoever
-        sees a node act on the message finds it delivered there."""
+        """Delivers to each node in turn. The record names a node delivered to as soon as the node
+        has taken the connection, before the message can have reached it: whoever sees a node act
+        on the message finds it delivered there."""
         for node in targets:
-            why = self._deliver_one(node, data)
-            if why is None:
+            s = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+            s.settimeout(1.0)
+            try:
+                s.connect(str(self.node_dir(node) / "steer_socket"))
                 self.journal.update(rec, delivered=rec["delivered"] + [node.name])
-            else:
-                self.journal.update(rec, undelivered={**rec["undelivered"], node.name: why})
+                s.sendall(data)
+            except OSError as e:
+                self.journal.update(rec, delivered=[n for n in rec["delivered"] if n != node.name],
+                                    undelivered={**rec["undelivered"], node.name: e.strerror or type(e).__name__})
+            finally:
+                s.close()
         self.journal.finish(rec)
-
-    def _deliver_one(self, node, data):
-        path = self.node_dir(node) / "steer_socket"
-        s = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-        s.settimeout(1.0)
-        try:
-            s.connect(str(path))
-            s.sendall(data)
-        except OSError as e:
-            return e.strerror or type(e).__name__
-        finally:
-            s.close()
-        return None

@@ -7,7 +7,7 @@ packages=(
   g++ cmake ninja-build pkg-config git
   libuv1-dev libcjson-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  python3 python3-pytest
+  python3 python3-pytest python3-pytest-xdist
   iproute2 iputils-ping util-linux procps
 )
 

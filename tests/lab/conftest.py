@@ -1,3 +1,4 @@
+import json
 import shutil
 import sys
 import tempfile
@@ -56,6 +57,61 @@ def steering_report(request):
         except Exception as e:      # the figures are for people: a failure to read them fails no test
             _STEERING.setdefault(key, []).append({"error": f"{type(e).__name__}: {e}"})
     return note
+
+
+def pytest_configure(config):
+    config.addinivalue_line("markers", "lasts(seconds): about how long the test runs (as a module's pytestmark: "
+                                       "all its tests, which share one lab); a parallel run starts the longest first")
+
+
+@pytest.hookimpl(tryfirst=True)
+def pytest_collection_modifyitems(config, items):
+    """In a parallel run (pytest -n N --dist loadgroup) the tests that share a lab of their module
+    (a module-scoped fixture of the module itself) run on one worker, in the module's order: one
+    lab serves them, as in a serial run. Every other test may run on any worker.
+
+    The run takes as long as its busiest worker, so the longest tests start first (their `lasts`
+    marks). At the start each worker is handed two tests: the N longest come first, each with one of
+    the N shortest; the others follow, longest first, to whichever worker gets free."""
+    if not config.pluginmanager.hasplugin("xdist"):
+        return
+    units = {}
+    for item in items:
+        own = [d for defs in item._fixtureinfo.name2fixturedefs.values() for d in defs
+               if d.scope == "module" and d.baseid == item.parent.nodeid]
+        if own:
+            item.add_marker(pytest.mark.xdist_group(item.module.__name__))
+            units.setdefault(item.module.__name__, []).append(item)
+        else:
+            units.setdefault(item.nodeid, []).append(item)
+    workers = getattr(config, "workerinput", {}).get("workercount")
+    if not workers:
+        return
+
+    def lasts(unit):
+        return max((item.get_closest_marker("lasts").args[0] for item in unit if item.get_closest_marker("lasts")),
+                   default=0)
+    ordered = sorted(units.values(), key=lasts, reverse=True)
+    first, middle, last = ordered[:workers], ordered[workers:-workers], ordered[-workers:]
+    if len(ordered) > 2 * workers:
+        ordered = first + last + middle
+    items[:] = [item for unit in ordered for item in unit]
+
+
+@pytest.hookimpl(trylast=True)
+def pytest_sessionfinish(session):
+    """A worker of a parallel run (pytest -n) hands its modules' figures to the controller."""
+    workeroutput = getattr(session.config, "workeroutput", None)
+    if workeroutput is not None:
+        workeroutput["steering"] = json.dumps(_STEERING)
+
+
+@pytest.hookimpl(optionalhook=True)
+def pytest_testnodedown(node, error):
+    """The controller of a parallel run gathers each worker's figures (a module's tests may have
+    run on several workers: their labs are merged as one module's)."""
+    for key, found in json.loads(getattr(node, "workeroutput", {}).get("steering", "{}")).items():
+        _STEERING.setdefault(key, []).extend(found)
 
 
 def pytest_terminal_summary(terminalreporter):

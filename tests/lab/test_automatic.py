@@ -56,6 +56,7 @@ def play(bandherd, name, steering_report):
         raise
 
 
+@pytest.mark.lasts(40)
 @pytest.mark.parametrize("name", list(CASES))
 def test_scenario(bandherd, steering_report, name):
     lab, sc, summary, steering, names, records = play(bandherd, name, steering_report)
@@ -89,6 +90,7 @@ def test_scenario(bandherd, steering_report, name):
         lab.down()
 
 
+@pytest.mark.lasts(80)
 def test_faults_end_every_steer_and_keep_attempts_bounded(bandherd, steering_report):
     lab, sc, summary, steering, names, _ = play(bandherd, "faults", steering_report)
     try:

@@ -261,6 +261,7 @@ def test_up_names_each_node_whose_daemon_did_not_start(bandherd, lab_dir, tmp_pa
             assert lab_cli(lab_dir, "down").returncode == 0
 
 
+@pytest.mark.lasts(65)
 def test_demo_tells_each_steer_as_it_happens_and_draws_the_picture(bandherd, lab_dir):
     r = lab_cli(lab_dir, "demo", timeout=180)
     assert r.returncode == 0, r.stdout + r.stderr

@@ -16,6 +16,8 @@ import pytest
 from lab.controller import Lab
 from lab.driver import EV
 
+pytestmark = pytest.mark.lasts(20)
+
 FATAL_DELAY = 15
 
 

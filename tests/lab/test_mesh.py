@@ -29,6 +29,8 @@ from lab.controller import Lab
 from lab.driver import BANDS
 from lab.sandbox import REPO
 
+pytestmark = pytest.mark.lasts(75)
+
 TOPOLOGY = REPO / "lab" / "topologies" / "three-node.json"
 ROAM = REPO / "lab" / "scenarios" / "roam.json"
 # C's uplink rate: shared with the portal's rate (999999) it gives 1198.56..., whose rounding shows.

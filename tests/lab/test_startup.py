@@ -101,6 +101,7 @@ def test_unknown_options_and_arguments_are_ignored(bandherd, node):
     assert re.search(r"^warning exit_handler:\d+, receive signal 2$", d.out(), re.M)
 
 
+@pytest.mark.lasts(15)
 def test_disabled_daemon_refuses_to_run_and_exits_after_the_delay(slow_exits):
     d, var = slow_exits["disabled"]
     assert d.wait(30) == 1
@@ -113,6 +114,7 @@ def test_disabled_daemon_refuses_to_run_and_exits_after_the_delay(slow_exits):
     assert not var.path("/var/run/steer.log").exists()
 
 
+@pytest.mark.lasts(15)
 def test_restart_signal_cleans_up_then_waits_and_exits_1(slow_exits):
     d, var = slow_exits["restart"]
     assert d.wait(30) == 1
@@ -154,6 +156,7 @@ def test_log_path_and_time_prefix_settings(bandherd, node, log_time, prefixed):
     assert d.out() == ""
 
 
+@pytest.mark.lasts(25)
 def test_sigterm_ends_a_daemon_busy_logging_every_time(bandherd, node):
     """The exit never runs inside an interrupted log line: a daemon flooded with
     station events, logging each at dump level with the time prefix, always

@@ -19,6 +19,8 @@ import pytest
 
 from lab.controller import Lab
 
+pytestmark = pytest.mark.lasts(50)
+
 REPO = Path(__file__).resolve().parents[2]
 TOPOLOGY = REPO / "lab" / "topologies" / "three-node.json"
 CLI = str(REPO / "tools" / "steer_cli.sh")

@@ -1,6 +1,7 @@
 """Topology files: the shipped ones load, and every kind of mistake is reported clearly."""
 
 import json
+import re
 from pathlib import Path
 
 import pytest
@@ -181,6 +182,7 @@ def test_unreadable_files_are_reported(tmp_path):
         topology.load(bad)
 
 
+@pytest.mark.lasts(15)
 def test_the_6_ghz_topology_runs_its_daemons_and_its_6_ghz_radio_and_stations(bandherd, lab_dir):
     from lab.controller import Lab
     sta = "02:aa:00:00:06:01"
@@ -201,7 +203,9 @@ def test_the_6_ghz_topology_runs_its_daemons_and_its_6_ghz_radio_and_stations(ba
         radio = {"work_band": 16, "channel": 37, "load": 5, "sta_num": 0}
         lab.wait_for(lambda: any(radio in (m["body"] or {}).get("radio", [])
                                  for m in lab.relay.messages(type="SNEI_HEARTBEAT", sender="A")), 15.0)
-        # A 6 GHz station goes to the 6 GHz BSS, where it is heard best, and is announced.
+        # A 6 GHz station goes to the 6 GHz BSS, where it is heard best, and is announced (A announces
+        # stations once it has a neighbour: B's first heartbeat may come after A's).
+        lab.wait_log("A", re.escape(lab.node("B").id) + " is online")
         lab.world.add(sta, bands=16 | 14, caps=31, rssi_at={"A": {"wlan2": -40}})
         assert lab.world.associate(sta) == ("A", "wlan2")
         lab.wait_log("A", sta + r" associate bss\d\(wlan2\), capability:0x1f, bands:0x1e")
