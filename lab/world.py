@@ -204,12 +204,15 @@ class World:
         default now), "rssi_at": as for `add`}. Between two points that name a BSS it hears that
         BSS on a straight line from one RSSI to the other, before the first such point as it
         did, after the last at the last RSSI; every `step` seconds it hears what the path says,
-        and a change on its own BSS is reported at once (status event). A new path, or a new
-        station of its MAC, ends the walk."""
+        and a change on its own BSS is reported at once (status event). What it hears is the
+        path's at the time the step was due, however late the loop gets to it: a walk reports
+        the same values on a busy machine. A new path, or a new station of its MAC, ends the walk."""
         if isinstance(step, bool) or not isinstance(step, (int, float)) or step <= 0:
             raise ValueError(f"a path's step is a number of seconds above 0, not {step!r}")
         points = self._path(path)
-        begin = time.monotonic() if start is None else start
+        now = time.monotonic()
+        begin = now if start is None else start
+        first = max(0.0, now - begin)
 
         def go():
             st = self._station(mac_address)
@@ -217,14 +220,14 @@ class World:
             walk = st.walks
             self._record(st, "walk", points=len(points), until=points[-1][0])
 
-            def tick():
-                at = time.monotonic() - begin
-                self._hear(st, path_at(points, at), why)
-                if at < points[-1][0]:
+            def tick(due):
+                self._hear(st, path_at(points, due), why)
+                if due < points[-1][0]:
+                    at = max(due, time.monotonic() - begin)
                     nxt = min((int(at / step) + 1) * step, points[-1][0])
-                    self._plan(st, "walk", max(0.0, nxt - (time.monotonic() - begin)), tick, lasting=True,
-                               also=lambda: st.walks == walk)
-            self._plan(st, "walk", max(0.0, begin - time.monotonic()), tick, lasting=True,
+                    self._plan(st, "walk", max(0.0, nxt - (time.monotonic() - begin)), lambda: tick(nxt),
+                               lasting=True, also=lambda: st.walks == walk)
+            self._plan(st, "walk", max(0.0, begin + first - time.monotonic()), lambda: tick(first), lasting=True,
                        also=lambda: st.walks == walk)
         self.loop.call(go)
 

@@ -113,7 +113,7 @@ class NetlinkEnd:
     def send(self, data):
         self.sock.sendto(data, str(self.maps / "nl-0"))
 
-    def recv(self, timeout=2.0):
+    def recv(self, timeout=10.0):
         self.sock.settimeout(timeout)
         return self.sock.recv(65536)
 
@@ -124,7 +124,7 @@ class NetlinkEnd:
 def uwb(node_dir, line):
     """One Wi-Fi library call as the lab's uwb library makes it: connect, one line, one answer line."""
     with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as s:
-        s.settimeout(2.0)
+        s.settimeout(10.0)
         s.connect(str(node_dir / "run" / "maps" / "uwb"))
         s.sendall(line.encode() + b"\n")
         answer = b""
@@ -171,7 +171,7 @@ class SteerSocket:
             self.times.append(time.monotonic())
             self.messages.append(data)
 
-    def wait(self, n, timeout=3.0):
+    def wait(self, n, timeout=10.0):
         """Waits until `n` messages came and returns all of them."""
         deadline = time.monotonic() + timeout
         while len(self.messages) < n and time.monotonic() < deadline:

@@ -81,7 +81,7 @@ def test_the_command_line_drives_a_running_lab(lab, lab_dir):
         r = lab_cli(lab_dir, "relay", "partition", "A", "B,C")
         assert json.loads(r.stdout)["groups"] == [["A"], ["B", "C"]]
         weft_send(lab_dir / "nodes" / "A", message(A_ID, BROADCAST, "SNEI_HEARTBEAT", "{}"))
-        assert wait_until(lambda: len(lab.relay.messages(type="SNEI_HEARTBEAT")) == 1, 2.0)
+        assert wait_until(lambda: len(lab.relay.messages(type="SNEI_HEARTBEAT")) == 1, 10.0)
         assert lab.relay.messages(type="SNEI_HEARTBEAT")[0]["undelivered"]["B"] == "partitioned"
         assert json.loads(lab_cli(lab_dir, "relay", "clear").stdout)["groups"] is None
         r = lab_cli(lab_dir, "messages", "--type", "SNEI_HEARTBEAT")
@@ -160,7 +160,7 @@ def test_a_daemon_runs_in_its_node_with_the_driver_double(bandherd, lab, lab_dir
     # Its /var is the node's directory and it lives in the node's namespaces.
     assert (node_dir / "run" / "bandherd.pid").read_text() == str(d.pid)
     assert os.readlink(f"/proc/{d.pid}/ns/net") == os.readlink(f"/proc/{lab.ns.holders['A'].pid}/ns/net")
-    assert lab.wait_for(lambda: lab.listening("A", "/var/steer_socket"), 5.0)
+    assert lab.wait_for(lambda: lab.listening("A", "/var/steer_socket"), 10.0)
     assert not lab.listening("B") and not lab.listening("A", "/var/weft_socket")
     ping = lab.driver("A").records(kind="netlink", event="MAPS_EV_PING")
     assert ping and ping[0]["nlmsg_pid"] == 3333

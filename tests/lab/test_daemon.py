@@ -127,7 +127,7 @@ def test_broadcast_is_dispatched_on_the_others_and_dropped_by_its_sender(lab):
     assert set(beat["delivered"]) >= {"A", "B"}
     # ...and the sender drops its own.
     assert not re.search(rf"receive message from {a_id}", lab.log("A"))
-    lab.wait_log("B", r"neighbor 02:00:00:00:0a:00 is online", timeout=5)
+    lab.wait_log("B", r"neighbor 02:00:00:00:0a:00 is online", timeout=10)
     lab.wait_log("A", rf"neighbor {b_id} is online", timeout=15)
 
 
@@ -210,7 +210,7 @@ def test_input_that_breaks_the_model_is_dropped_and_the_daemon_serves_on(lab):
         # The station itself, or a new one, joins and is announced to the mesh.
         joiner = sta or f"02:5f:00:00:00:{n:02x}"
         drv.sta_event("join", joiner, 2, rssi=-55)
-        lab.wait_for(lambda: announced(joiner) and (not error or seen(error) > before), 5)
+        lab.wait_for(lambda: announced(joiner) and (not error or seen(error) > before), 10)
         assert lab.daemon("B").returncode is None, what
     assert "Assertion failed" not in lab.log("B")
     for s in lab.held:
@@ -223,5 +223,5 @@ def test_sigterm_cleans_the_driver_and_says_goodbye(lab):
     assert lab.stop_daemon("A", signal.SIGTERM) == 0
     cleans = lab.driver("A").commands("CLEAN")
     assert len(cleans) == before + 1
-    lab.wait_for(lambda: any(m["sa"] == A_ID for m in lab.relay.messages(type="SNEI_EXIT")), 5)
-    lab.wait_log("B", r"neighbor 02:00:00:00:0a:00 is offline", timeout=5)
+    lab.wait_for(lambda: any(m["sa"] == A_ID for m in lab.relay.messages(type="SNEI_EXIT")), 10)
+    lab.wait_log("B", r"neighbor 02:00:00:00:0a:00 is offline", timeout=10)

@@ -67,14 +67,14 @@ def test_the_netlink_ping_is_answered_as_told_and_what_is_no_maps_message_only_r
     daemon_nl.send(NLMSG.pack(24, 0, 0, 0, 3333) + b"steerOut")
     daemon_nl.send(b"\x10\x00\x00")
     # The double answers a ping as it records it: once the last message is recorded, no answer came.
-    assert wait_until(lambda: len(driver.records(kind="netlink")) == 5, 5)
+    assert wait_until(lambda: len(driver.records(kind="netlink")) == 5, 10.0)
     with pytest.raises(socket.timeout):
         daemon_nl.recv(0.1)
     assert [(r.get("event"), r.get("nlmsg_pid"), r.get("error")) for r in driver.records(kind="netlink")] == [
         ("MAPS_EV_PING", 3333, None)] * 3 + [("116", 3333, "wrong magic"), (None, None, "too short")]
     assert [r["fields"] for r in driver.records(kind="event")] == [{"version": "MAPS_API_V2"},
                                                                    {"version": "MAPS_API_V1"}]
-    assert wait_until(lambda: [r["kind"] for r in journal_lines(node_dir)][:2] == ["netlink", "event"], 2.0)
+    assert wait_until(lambda: [r["kind"] for r in journal_lines(node_dir)][:2] == ["netlink", "event"], 10.0)
 
 
 def test_events_carry_their_exact_payload_size_and_fail_without_a_daemon(node_dir, driver):

@@ -91,7 +91,7 @@ def test_a_program_run_in_a_node_is_that_nodes_and_keeps_its_pid(mesh, lab_dir):
                   env={"PATH": os.environ["PATH"], "X": "1"}, cwd=lab_dir)
     pid = int(proc.stdout.readline())
     assert pid == proc.pid
-    assert wait_until(lambda: Path(f"/proc/{pid}/comm").read_text().strip() == "sleep", 2.0)
+    assert wait_until(lambda: Path(f"/proc/{pid}/comm").read_text().strip() == "sleep", 10.0)
     assert net_ns(pid) == net_ns(ns.holders["B"].pid) != net_ns(os.getpid())
     assert os.readlink(f"/proc/{pid}/cwd") == str(lab_dir)
     assert json.loads((lab_dir / "pids.json").read_text())["procs"][-1]["pid"] == pid
@@ -110,7 +110,7 @@ def test_down_leaves_no_process_namespace_or_mount(lab_dir):
     stray = subprocess.Popen(netns.enter_command(ns.holders["C"].pid) + [
         "sh", "-c", 'trap "echo ended > /var/run/stray; exit 0" TERM; echo up > /var/run/stray; '
                     'sleep 60 & wait'])
-    assert wait_until(lambda: (lab_dir / "nodes" / "C" / "run" / "stray").exists(), 2.0)
+    assert wait_until(lambda: (lab_dir / "nodes" / "C" / "run" / "stray").exists(), 10.0)
     ledger = json.loads((lab_dir / "pids.json").read_text())
     spaces = {ledger["host"]["net"]} | {n["net"] for n in ledger["nodes"].values()}
     pids = [ledger["host"]["pid"]] + [n["pid"] for n in ledger["nodes"].values()] + [started.pid]
@@ -144,9 +144,9 @@ def test_down_cleans_up_after_a_killed_controller(lab_dir):
     holders = [ledger["host"]["pid"]] + [n["pid"] for n in ledger["nodes"].values()]
     shell = subprocess.Popen([sys.executable, "-m", "lab", "--dir", str(lab_dir), "exec", "A", "sleep", "60"],
                              cwd=REPO)
-    assert wait_until(lambda: net_ns(shell.pid) == ledger["nodes"]["A"]["net"], 5.0)
+    assert wait_until(lambda: net_ns(shell.pid) == ledger["nodes"]["A"]["net"], 10.0)
     os.kill(controller, signal.SIGKILL)
-    assert wait_until(lambda: not netns._alive(controller), 5.0)
+    assert wait_until(lambda: not netns._alive(controller), 10.0)
     time.sleep(0.1)
     assert all(netns._alive(p) for p in holders)
     # Its sockets are still there; nobody answers on them.

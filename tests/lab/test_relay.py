@@ -144,7 +144,7 @@ def test_delayed_messages_arrive_late_and_their_record_is_completed(lab_dir, mes
     weft_send(lab_dir, "A", finish)
     weft_send(lab_dir, "A", other)
     # The delayed message's record reaches the file once its fate is known, after the other's.
-    assert wait_until(lambda: len((lab_dir / "mesh.jsonl").read_text().splitlines()) == 2, 5.0)
+    assert wait_until(lambda: len((lab_dir / "mesh.jsonl").read_text().splitlines()) == 2, 10.0)
     on_file = [json.loads(line) for line in (lab_dir / "mesh.jsonl").read_text().splitlines()]
     assert [(r["type"], r.get("delayed"), r["delivered"]) for r in on_file] == [
         ("SBTM_START", None, ["B"]), ("SBTM_FINISH", 1.0, ["B"])]

@@ -160,7 +160,8 @@ def test_log_path_and_time_prefix_settings(bandherd, node, log_time, prefixed):
 def test_sigterm_ends_a_daemon_busy_logging_every_time(bandherd, node):
     """The exit never runs inside an interrupted log line: a daemon flooded with
     station events, logging each at dump level with the time prefix, always
-    ends within a second of SIGTERM, with status 0. The stations' signal stays
+    ends on SIGTERM, with status 0 (one that hung in an interrupted log line would
+    never end; the wait allows for a busy machine). The stations' signal stays
     between the steering thresholds: a steer would pause the daemon around its
     BSS transition request."""
     from lab.driver import EV, netlink_message, sta_payload
@@ -175,8 +176,9 @@ def test_sigterm_ends_a_daemon_busy_logging_every_time(bandherd, node):
             for msg in events:
                 try:
                     sender.sendto(msg, target)
-                except OSError:
-                    break  # no daemon yet, or its queue is full
+                except OSError:     # no daemon yet, or its queue is full: it has enough to do for now
+                    stop.wait(0.001)
+                    break
     threading.Thread(target=flood, daemon=True).start()
     try:
         for run in range(TERM_RUNS):
@@ -187,10 +189,10 @@ def test_sigterm_ends_a_daemon_busy_logging_every_time(bandherd, node):
             assert wait_until(lambda: "last rssi" in log.read_text(errors="replace")), "the daemon is not busy"
             d.signal(signal.SIGTERM)
             try:
-                status = d.wait(1)
+                status = d.wait(10)
             except subprocess.TimeoutExpired:
                 d.kill()
-                pytest.fail(f"run {run}: the daemon still ran a second after SIGTERM")
+                pytest.fail(f"run {run}: the daemon still ran 10 s after SIGTERM")
             assert status == 0, f"run {run}: exit status {status}"
             log.unlink()
     finally:

@@ -55,7 +55,7 @@ def steps(lab, mac):
 
 def events(lab, sink, mac, n, *names):
     """The first `n` events about a station at a node (waiting for them)."""
-    lab.wait_for(lambda: len(sink.of(mac, *names)) >= n, 5.0)
+    lab.wait_for(lambda: len(sink.of(mac, *names)) >= n, 10.0)
     return [(name, {k: v for k, v in f.items() if k not in ("mac", "caps")}) for name, f in sink.of(mac, *names)]
 
 
