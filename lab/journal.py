@@ -19,6 +19,7 @@ class Journal:
         self.path = path
         self._lock = threading.Lock()
         self._records = []
+        self._open = set()      # ids of the records added with final=False and not finished yet
         if path:
             Path(path).parent.mkdir(parents=True, exist_ok=True)
         self._file = open(path, "a", buffering=1) if path else None
@@ -30,6 +31,8 @@ class Journal:
             self._records.append(record)
             if final:
                 self._write(record)
+            else:
+                self._open.add(id(record))
         return record
 
     def update(self, record, **fields):
@@ -39,16 +42,19 @@ class Journal:
     def finish(self, record, **fields):
         with self._lock:
             record.update(fields)
+            self._open.discard(id(record))
             self._write(record)
 
     def _write(self, record):
         if self._file:
             self._file.write(json.dumps(record, sort_keys=False) + "\n")
 
-    def records(self, **match):
-        """Copies of the records whose fields equal every given value, oldest first."""
+    def records(self, settled=False, **match):
+        """Copies of the records whose fields equal every given value, oldest first; with `settled`
+        only those complete (added final, or finished)."""
         with self._lock:
-            found = [r for r in self._records if all(r.get(k) == v for k, v in match.items())]
+            found = [r for r in self._records if all(r.get(k) == v for k, v in match.items())
+                     and not (settled and id(r) in self._open)]
             return copy.deepcopy(found)
 
     def since(self, index):
@@ -61,6 +67,7 @@ class Journal:
     def clear(self):
         with self._lock:
             self._records.clear()
+            self._open.clear()
 
     def close(self):
         with self._lock:

@@ -217,9 +217,11 @@ class Relay:
 
     # -- messages ----------------------------------------------------------------
 
-    def messages(self, **match):
-        """Copies of the recorded messages (type="SNEI_HEARTBEAT", sender="A", ...)."""
-        return self.journal.records(**match)
+    def messages(self, settled=False, **match):
+        """Copies of the recorded messages (type="SNEI_HEARTBEAT", sender="A", ...); with `settled`
+        only those whose fate is known: tried on every node they go to (a delayed one once its delay
+        is over). A message is recorded as it comes, and its nodes as it reaches them."""
+        return self.journal.records(settled, **match)
 
     def send(self, from_node, to, msg_type, body):
         """Sends a message as the mesh daemon would: from node `from_node` (None: the lab's

@@ -71,8 +71,9 @@ def pytest_collection_modifyitems(config, items):
     lab serves them, as in a serial run. Every other test may run on any worker.
 
     The run takes as long as its busiest worker, so the longest tests start first (their `lasts`
-    marks). At the start each worker is handed two tests: the N longest come first, each with one of
-    the N shortest; the others follow, longest first, to whichever worker gets free."""
+    marks). At the start each of the N workers is handed two: one of the N longest, and one of the
+    next N in reverse order (the longest test's worker gets the shortest of them); the others follow,
+    longest first, each to a worker as it starts its last test but one."""
     if not config.pluginmanager.hasplugin("xdist"):
         return
     units = {}
@@ -92,9 +93,7 @@ def pytest_collection_modifyitems(config, items):
         return max((item.get_closest_marker("lasts").args[0] for item in unit if item.get_closest_marker("lasts")),
                    default=0)
     ordered = sorted(units.values(), key=lasts, reverse=True)
-    first, middle, last = ordered[:workers], ordered[workers:-workers], ordered[-workers:]
-    if len(ordered) > 2 * workers:
-        ordered = first + last + middle
+    ordered[workers:2 * workers] = ordered[workers:2 * workers][::-1]
     items[:] = [item for unit in ordered for item in unit]
 
 

@@ -3,6 +3,7 @@ played on a fresh lab (no prohibition or session left from another run), and
 what happened to each station is read from the radio world and the steering
 summary: where it ended, how it was moved and why."""
 
+import json
 import re
 import tempfile
 from pathlib import Path
@@ -56,8 +57,12 @@ def play(bandherd, name, steering_report):
         raise
 
 
-@pytest.mark.lasts(40)
-@pytest.mark.parametrize("name", list(CASES))
+def lasts(name):
+    """About how long playing a scenario takes: its duration, and the mesh forming before it."""
+    return json.loads((SCENARIOS / f"{name}.json").read_text())["duration"] + 6
+
+
+@pytest.mark.parametrize("name", [pytest.param(name, marks=pytest.mark.lasts(lasts(name))) for name in CASES])
 def test_scenario(bandherd, steering_report, name):
     lab, sc, summary, steering, names, records = play(bandherd, name, steering_report)
     try:
@@ -90,7 +95,7 @@ def test_scenario(bandherd, steering_report, name):
         lab.down()
 
 
-@pytest.mark.lasts(80)
+@pytest.mark.lasts(lasts("faults"))
 def test_faults_end_every_steer_and_keep_attempts_bounded(bandherd, steering_report):
     lab, sc, summary, steering, names, _ = play(bandherd, "faults", steering_report)
     try:

@@ -36,6 +36,7 @@ def lab(lab_dir):
         yield lab
 
 
+@pytest.mark.lasts(10)     # some 40 runs of the command line
 def test_the_command_line_drives_a_running_lab(lab, lab_dir):
     nl = NetlinkEnd(lab_dir / "nodes" / "A")
     steer = SteerSocket(lab_dir / "nodes" / "B")
@@ -261,7 +262,7 @@ def test_up_names_each_node_whose_daemon_did_not_start(bandherd, lab_dir, tmp_pa
             assert lab_cli(lab_dir, "down").returncode == 0
 
 
-@pytest.mark.lasts(65)
+@pytest.mark.lasts(65)     # the demo scenario's 60 s, and the mesh forming before it
 def test_demo_tells_each_steer_as_it_happens_and_draws_the_picture(bandherd, lab_dir):
     r = lab_cli(lab_dir, "demo", timeout=180)
     assert r.returncode == 0, r.stdout + r.stderr

@@ -92,7 +92,7 @@ class Mesh:
         return self.lab.relay.messages(type="SNEI_HEARTBEAT", sender=name, source="daemon")
 
     def announcements(self, sender, sta):
-        return [m for m in self.lab.relay.messages(type="SSTA_ASSOCIATE", sender=sender)
+        return [m for m in self.lab.relay.messages(settled=True, type="SSTA_ASSOCIATE", sender=sender)
                 if (m.get("body") or {}).get("sta") == sta]
 
     def lines(self, name):
@@ -376,7 +376,7 @@ def test_a_node_stopped_with_SIGTERM_says_so_and_is_removed_at_once(mesh):
     since = len(lab.log("A"))
     stopped = time.monotonic()
     assert lab.stop_daemon("C", signal.SIGTERM) == 0
-    (bye,) = lab.wait_for(lambda: lab.relay.messages(type="SNEI_EXIT", sender="C"), 10)
+    (bye,) = lab.wait_for(lambda: lab.relay.messages(settled=True, type="SNEI_EXIT", sender="C"), 10)
     assert bye["body"] == {} and bye["da"] == "ff:ff:ff:ff:ff:ff" and "A" in bye["delivered"]
     gone = mesh.wait_line("A", rf"neighbor {c_id} is offline$", 5, since)
     assert gone - stopped < 3

@@ -39,11 +39,8 @@ def weft_send(lab_dir, node, data, header=b"\x03\x01\x00"):
 
 
 def settled(relay, n):
-    """Waits until the relay has recorded `n` messages, each with its fate complete (a record reaches
-    the file once the relay tried every node it goes to), and returns them."""
-    def written():
-        return len(Path(relay.journal.path).read_text().splitlines())
-    assert wait_until(lambda: written() >= n, 10.0), relay.messages()
+    """Waits until the relay has recorded `n` messages, each with its fate known, and returns them."""
+    assert wait_until(lambda: len(relay.messages(settled=True)) >= n, 10.0), relay.messages()
     return relay.messages()
 
 
