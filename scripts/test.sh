@@ -36,8 +36,18 @@ build build-asan -DCMAKE_BUILD_TYPE=Debug -DBANDHERD_SANITIZE=ON
 ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
   ctest --test-dir build-asan --output-on-failure -j "$jobs"
 
+# The lab tests mostly wait on the daemons' timers (heartbeats, ageing, time-outs), so they run
+# on many more workers than cores; tests that share a lab of their module stay on one worker
+# (tests/lab/conftest.py). Past 12 workers the run is as long as its longest test and more
+# workers only take longer to start.
+lab_tests() {
+  local binary=$1 workers=$2
+  shift 2
+  BANDHERD_BIN=$binary "$python" -m pytest -q -p no:cacheprovider -n "$workers" --dist loadgroup "$@"
+}
+
 echo "== the daemon as a user runs it (sanitizer build)"
-BANDHERD_BIN=build-asan/src/bandherd "$python" -m pytest -q -p no:cacheprovider tests/lab/test_startup.py
+lab_tests build-asan/src/bandherd 4 tests/lab/test_startup.py
 
 echo "== lab tests (normal build)"
-BANDHERD_BIN=build/src/bandherd "$python" -m pytest -q -p no:cacheprovider tests/lab
+lab_tests build/src/bandherd 12 tests/lab

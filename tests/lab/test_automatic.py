@@ -5,7 +5,6 @@ summary: where it ended, how it was moved and why."""
 
 import json
 import re
-import tempfile
 from pathlib import Path
 
 import pytest
@@ -38,11 +37,11 @@ CASES = {
 }
 
 
-def play(bandherd, name, steering_report):
+def play(bandherd, name, steering_report, lab_dir):
     sc = scenario_check.load(SCENARIOS / f"{name}.json")
     lab = Lab(bandherd)
     try:
-        lab.up(scenario_check.topology_path(sc.topology, SCENARIOS), tempfile.mkdtemp(prefix="bh-", dir="/tmp"),
+        lab.up(scenario_check.topology_path(sc.topology, SCENARIOS), lab_dir,
                {**SETTINGS, **sc.settings})
         for node in lab.topology.names():
             lab.start_daemon(node)
@@ -63,8 +62,8 @@ def lasts(name):
 
 
 @pytest.mark.parametrize("name", [pytest.param(name, marks=pytest.mark.lasts(lasts(name))) for name in CASES])
-def test_scenario(bandherd, steering_report, name):
-    lab, sc, summary, steering, names, records = play(bandherd, name, steering_report)
+def test_scenario(bandherd, steering_report, lab_dir, name):
+    lab, sc, summary, steering, names, records = play(bandherd, name, steering_report, lab_dir)
     try:
         assert summary["failed"] == [], summary["failed"]
         for station, (where, expected) in CASES[name].items():
@@ -96,8 +95,8 @@ def test_scenario(bandherd, steering_report, name):
 
 
 @pytest.mark.lasts(lasts("faults"))
-def test_faults_end_every_steer_and_keep_attempts_bounded(bandherd, steering_report):
-    lab, sc, summary, steering, names, _ = play(bandherd, "faults", steering_report)
+def test_faults_end_every_steer_and_keep_attempts_bounded(bandherd, steering_report, lab_dir):
+    lab, sc, summary, steering, names, _ = play(bandherd, "faults", steering_report, lab_dir)
     try:
         assert summary["failed"] == [], summary["failed"]
         report = lab.check()

@@ -9,9 +9,11 @@ neighbours have 3 s to answer, a first short prohibition lasts 4 s.
 """
 
 import re
+import shutil
 import signal
 import subprocess
 import sys
+import tempfile
 import time
 from pathlib import Path
 
@@ -38,10 +40,10 @@ BLOCKED, DEFAULT = "MAPS_BLOCK_BSS", "MAPS_BLOCK_DEFAULT"
 
 @pytest.fixture(scope="module")
 def lab(bandherd, steering_report):
-    import tempfile
+    lab_dir = tempfile.mkdtemp(prefix="bh-", dir="/tmp")
     lab = Lab(bandherd)
     try:
-        lab.up(TOPOLOGY, tempfile.mkdtemp(prefix="bh-", dir="/tmp"), SETTINGS)
+        lab.up(TOPOLOGY, lab_dir, SETTINGS)
         for name in ("A", "B", "C"):
             lab.start_daemon(name)
         for name in ("A", "B", "C"):  # every node knows both others
@@ -50,6 +52,7 @@ def lab(bandherd, steering_report):
     finally:
         steering_report(lab)
         lab.down()
+        shutil.rmtree(lab_dir, ignore_errors=True)
 
 
 def cli(lab, node, *args):
