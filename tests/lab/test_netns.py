@@ -106,10 +106,11 @@ def test_down_leaves_no_process_namespace_or_mount(lab_dir):
         ns.add_node(node, lab_dir / "nodes" / node.name)
     started = ns.run("A", ["sleep", "60"])
     # Something that entered a node behind the lab's back (a person's shell); it is asked
-    # to end (SIGTERM) before it is killed.
+    # to end (SIGTERM) before it is killed. It never ends on its own: a shell in `wait` whose
+    # child is ended first would end with status 0 without taking its trap.
     stray = subprocess.Popen(netns.enter_command(ns.holders["C"].pid) + [
         "sh", "-c", 'trap "echo ended > /var/run/stray; exit 0" TERM; echo up > /var/run/stray; '
-                    'sleep 60 & wait'])
+                    'while :; do sleep 1; done'])
     assert wait_until(lambda: (lab_dir / "nodes" / "C" / "run" / "stray").exists(), 10.0)
     ledger = json.loads((lab_dir / "pids.json").read_text())
     spaces = {ledger["host"]["net"]} | {n["net"] for n in ledger["nodes"].values()}
