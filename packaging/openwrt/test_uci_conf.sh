@@ -84,6 +84,22 @@ else
 fi
 rm -f /tmp/bandherd_uci_show.$$ /tmp/bandherd_uci_want.$$ /tmp/bandherd_uci_err.$$ /tmp/bandherd_uci_conf.$$
 
+# Every option of the shipped /etc/config/bandherd, commented out or not,
+# names a key of the example configuration (which the unit tests hold to the
+# keys the daemon reads).
+example=$here/../bandherd.conf.example
+keys=$(awk '
+	{ sub(/^[ \t]*#?[ \t]*/, "") }
+	$1 == "config" { type = $2; next }
+	($1 == "option" || $1 == "list") && $2 == "set" { v = $3; gsub(/'\''/, "", v); sub(/=.*/, "", v); print v; next }
+	$1 == "option" || $1 == "list" { print type "." $2 }
+' "$files/bandherd.config")
+[ -n "$keys" ] || { echo "FAIL: no option in bandherd.config"; failed=1; }
+known=$(sed -n 's/^#\{0,1\}\([a-z0-9_.]*\)=.*/\1/p' "$example")
+for key in $keys; do
+	printf '%s\n' "$known" | grep -qxF "$key" || { echo "FAIL: bandherd.config sets $key, which the daemon does not read"; failed=1; }
+done
+
 for f in "$files/bandherd.init" "$files/uci_conf.sh"; do
 	sh -n "$f" || { echo "FAIL: sh -n $f"; failed=1; }
 done
