@@ -674,7 +674,9 @@ def check_timeline(records, topology, limit, since=None, now=None):
         longest[m] = max(longest.get(m, 0.0), span(begin, now))
     for m, begin in out_since.items():
         lockouts.setdefault(m, []).append(round(now - begin, 3))
-    problems = [f"{m} was blocked on every BSS of its ESS for {t:.1f} s (limit {limit} s)"
+    # The problems tell the figures as given (rounded once: a time told to a tenth of a second
+    # agrees with the one given to a hundredth).
+    blocked = {m: round(t, 2) for m, t in longest.items()}
+    problems = [f"{m} was blocked on every BSS of its ESS for {blocked[m]:.1f} s (limit {limit} s)"
                 for m, t in sorted(longest.items()) if t > limit]
-    return {"limit": limit, "blocked_everywhere": {m: round(t, 2) for m, t in longest.items()},
-            "lockouts": lockouts, "problems": problems}
+    return {"limit": limit, "blocked_everywhere": blocked, "lockouts": lockouts, "problems": problems}

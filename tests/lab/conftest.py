@@ -62,6 +62,17 @@ def steering_report(request):
 def pytest_configure(config):
     config.addinivalue_line("markers", "lasts(seconds): about how long the test runs (as a module's pytestmark: "
                                        "all its tests, which share one lab); a parallel run starts the longest first")
+    # `-n N` alone would hand out test by test: tests that share a lab must stay together. The
+    # workers learn it from the controller (they parse the command line as it was given).
+    if getattr(config.option, "dist", "no") == "load":
+        config.option.dist = "loadgroup"
+    if getattr(config, "workerinput", {}).get("loadgroup"):
+        config.option.loadgroup = True
+
+
+@pytest.hookimpl(optionalhook=True)
+def pytest_configure_node(node):
+    node.workerinput["loadgroup"] = node.config.getoption("dist") == "loadgroup"
 
 
 @pytest.hookimpl(tryfirst=True)
