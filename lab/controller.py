@@ -243,10 +243,10 @@ class Lab:
             self.daemons[node.name] = d
             return d
 
-    def start_node(self, name):
+    def start_node(self, name, extra_env=None):
         """Starts a node's daemon; a node with a wireless backhaul is told its uplink ("SAP_INFO")
         once its daemon listens, as the mesh daemon does."""
-        d = self.start_daemon(name)
+        d = self.start_daemon(name, extra_env)
         if self.node(name).backhaul is not None:
             threading.Thread(target=self._announce_when_listening, args=(d.node,), daemon=True).start()
         return d
