@@ -41,3 +41,6 @@ BANDHERD_BIN=build-asan/src/bandherd "$python" -m pytest -q -p no:cacheprovider 
 
 echo "== lab tests (normal build)"
 BANDHERD_BIN=build/src/bandherd "$python" -m pytest -q -p no:cacheprovider tests/lab
+
+echo "== valgrind over a lab scenario (normal build)"
+BANDHERD_BIN=build/src/bandherd ./scripts/valgrind.sh
