@@ -29,8 +29,8 @@ from lab.controller import Lab
 from lab.relay import ENVELOPE_SIZE, MESSAGE_TYPES, TRANSPORT_HEADER
 from lab.sandbox import REPO
 from lab.topology import BROADCAST
-from lab.wire import (BEACON_REP_SIZE, EV, HEADER_SIZE, MAGIC, NLMSG_HEADER, DAEMON_PORT, mac_bytes,
-                      netlink_message, radio_payload, sta_payload)
+from lab.wire import (BEACON_REP_SIZE, DAEMON_PORT, EV, HEADER_SIZE, MAGIC, NLMSG_HEADER, mac_bytes,
+                      radio_payload, sta_payload)
 
 TOPOLOGY = REPO / "lab" / "topologies" / "three-node.json"
 NODES = ("A", "B", "C")
@@ -245,7 +245,7 @@ class Mesh:
             rc, out = self.lab.cli(name, "ap")
             assert rc == 0 and f"NODE {self.id(name)}" in out, (name, rc, out)
             try:
-                self.lab.wait_for(lambda: fd_count(pid) == self.fds[name], 70)
+                self.lab.wait_for(lambda: fd_count(pid) == self.fds[name], 30)
             except TimeoutError:
                 raise AssertionError(f"{name}'s daemon holds {fd_count(pid)} descriptors, "
                                      f"{self.fds[name]} before: {sorted(os.listdir(f'/proc/{pid}/fd'))}") from None
@@ -516,7 +516,6 @@ def test_a_restart_request_then_a_partition_healed(mesh):
     into the partition and nobody learns anybody; healed, all three see each other again by
     their heartbeats."""
     lab, a = mesh.lab, mesh.id("A")
-    since = {name: len(lab.log(name)) for name in NODES}
     asked = time.monotonic()
     os.kill(mesh.pid("A"), signal.SIGRTMIN + 1)
     bye = lab.wait_for(lambda: [m for m in lab.relay.messages(type="SNEI_EXIT", sender="A")
