@@ -9,6 +9,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   python3 python3-pytest
   iproute2 iputils-ping util-linux procps
+  systemd shellcheck busybox  # systemd-analyze, and the router shell, check the packaging
   valgrind
 )
 

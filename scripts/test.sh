@@ -30,6 +30,7 @@ cmake -S . -B build-router -G Ninja -DBANDHERD_WERROR=ON -DCMAKE_BUILD_TYPE=RelW
   -DBANDHERD_TESTS=OFF -DBANDHERD_BENCH=OFF >/dev/null
 cmake --build build-router -j "$jobs" --target bandherd
 build-router/src/bandherd -V | grep -q "router platform"
+sh packaging/check_install.sh build-router   # the tree a router package is made of
 
 echo "== sanitizer build (ASan + UBSan)"
 build build-asan -DCMAKE_BUILD_TYPE=Debug -DBANDHERD_SANITIZE=ON
