@@ -117,6 +117,7 @@ class Lab:
         self.drivers = {}
         self.world = None
         self.daemons = {}
+        self.wrappers = {}          # node -> a command that runs its daemon (["valgrind", ...]): every start
         self.mesh_journal = None
         self.ready = False
         self.serving = False
@@ -221,7 +222,8 @@ class Lab:
     # -- daemons --------------------------------------------------------------------
 
     def start_daemon(self, name, extra_env=None, args=()):
-        """Starts bandherd in node `name`, its output appended to <node>/bandherd.log."""
+        """Starts bandherd in node `name` (through `wrappers[name]` when set), its output appended
+        to <node>/bandherd.log."""
         node = self.node(name)
         if self.ns is None:
             raise LabError("this lab has no node namespaces: no daemon can run in it")
@@ -236,17 +238,18 @@ class Lab:
             env.update({k: str(v) for k, v in (extra_env or {}).items()})
             log_path = self.node_dir(name) / "bandherd.log"
             with open(log_path, "ab") as out:
-                proc = self.ns.run(node.name, [self.binary.resolve()] + list(args), env=env,
+                argv = list(self.wrappers.get(node.name, [])) + [str(self.binary.resolve())] + list(args)
+                proc = self.ns.run(node.name, argv, env=env,
                                    stdout=out, stderr=subprocess.STDOUT,
                                    cwd=self.node_dir(name) / "run", what="bandherd")
             d = Daemon(node.name, proc, log_path)
             self.daemons[node.name] = d
             return d
 
-    def start_node(self, name):
+    def start_node(self, name, extra_env=None):
         """Starts a node's daemon; a node with a wireless backhaul is told its uplink ("SAP_INFO")
         once its daemon listens, as the mesh daemon does."""
-        d = self.start_daemon(name)
+        d = self.start_daemon(name, extra_env)
         if self.node(name).backhaul is not None:
             threading.Thread(target=self._announce_when_listening, args=(d.node,), daemon=True).start()
         return d

@@ -176,15 +176,25 @@ class DriverDouble:
         fields = decode_event(code, payload)
         if fields is not None:
             rec["fields"] = fields
+        self._send("event", msg, rec)
+        return msg
+
+    def send_raw(self, data):
+        """Sends `data` to the daemon as it is, from the driver's own socket: whatever a broken
+        driver might send (no netlink message, a lying length, a wrong magic...). Recorded as
+        kind "raw" with its size and hex. Raises OSError as `inject` does."""
+        data = bytes(data)
+        self._send("raw", data, {"dir": "out", "size": len(data), "hex": data.hex()})
+
+    def _send(self, kind, data, rec):
         # Recorded before it is sent, so that whoever sees it arrive also finds its record.
-        record = self.journal.add({"node": self.node.name, "kind": "event", **rec}, final=False)
+        record = self.journal.add({"node": self.node.name, "kind": kind, **rec}, final=False)
         try:
-            self.nl.sendto(msg, str(self.maps_dir / f"nl-{DAEMON_PORT}"))
+            self.nl.sendto(data, str(self.maps_dir / f"nl-{DAEMON_PORT}"))
         except OSError as e:
             self.journal.finish(record, error=e.strerror or str(e))
             raise
         self.journal.finish(record)
-        return msg
 
     def sta_event(self, event, mac, bss_index, why=None, **fields):
         """Sends a station event: "join", "leave", "band", "status" (or "STA_JOIN" ..., or a code)."""

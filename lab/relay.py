@@ -84,7 +84,7 @@ def parse_envelope(data):
     raw = text.split(b"\0", 1)[0].decode(errors="replace")
     try:
         fields["body"] = json.loads(raw)
-    except ValueError:
+    except (ValueError, RecursionError):     # not JSON, or nested deeper than Python reads
         fields["body"] = None
         fields["text"] = raw
     return fields
