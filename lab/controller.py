@@ -220,8 +220,9 @@ class Lab:
 
     # -- daemons --------------------------------------------------------------------
 
-    def start_daemon(self, name, extra_env=None, args=()):
-        """Starts bandherd in node `name`, its output appended to <node>/bandherd.log."""
+    def start_daemon(self, name, extra_env=None, args=(), wrapper=()):
+        """Starts bandherd in node `name`, its output appended to <node>/bandherd.log; `wrapper`
+        is a command line the daemon's runs under (["valgrind", "--tool=callgrind", ...])."""
         node = self.node(name)
         if self.ns is None:
             raise LabError("this lab has no node namespaces: no daemon can run in it")
@@ -236,7 +237,7 @@ class Lab:
             env.update({k: str(v) for k, v in (extra_env or {}).items()})
             log_path = self.node_dir(name) / "bandherd.log"
             with open(log_path, "ab") as out:
-                proc = self.ns.run(node.name, [self.binary.resolve()] + list(args), env=env,
+                proc = self.ns.run(node.name, list(wrapper) + [self.binary.resolve()] + list(args), env=env,
                                    stdout=out, stderr=subprocess.STDOUT,
                                    cwd=self.node_dir(name) / "run", what="bandherd")
             d = Daemon(node.name, proc, log_path)
