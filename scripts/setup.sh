@@ -9,6 +9,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   python3 python3-pytest
   iproute2 iputils-ping util-linux procps
+  valgrind strace
 )
 
 missing=()
