@@ -3,7 +3,8 @@
 // receiver that the daemon is compared with.
 //
 //   event_pump send --to PATH (--fd N | --from PATH) --event status|join|leave|cycle
-//              --stations N --bss I [--rssi R] [--base 0xHHHH] (--count N | --seconds S [--warmup W])
+//              --stations N --bss I [--rssi R] [--base 0xHHHH]
+//              (--count N | --seconds S [--warmup W] | --fill 1)
 //   event_pump sink PATH
 //
 // `send` writes netlink datagrams as the driver does (nlmsg_len 24 + the
@@ -14,7 +15,9 @@
 // Events go out in batches (sendmmsg), and the socket blocks: on a full queue a send waits until the receiver has
 // taken a datagram, so the pace of sending is the receiver's pace. With
 // --count it sends exactly that many events; with --seconds it sends for
-// --warmup seconds uncounted, then counts for S seconds. It prints one line:
+// --warmup seconds uncounted, then counts for S seconds; with --fill 1 it
+// sends without blocking until the receiver's queue is full (a stopped
+// receiver's, to be timed draining it). It prints one line:
 // {"sent": N, "seconds": T, "rate": N/T, "all": events sent in all, "all_seconds": ...}.
 //
 // `sink` binds a Unix datagram socket at PATH and receives until it is
@@ -50,6 +53,7 @@ struct options {
     unsigned base = 0;
     long count = 0;
     double seconds = 0, warmup = 0.5;
+    bool fill = false;
 };
 
 [[noreturn]] void die(const char *what)
@@ -117,10 +121,16 @@ int send_events(const options &o)
                 die("bind");
         }
     }
-    // The inherited socket may be non-blocking (its owner polls it): block while sending.
+    // The inherited socket may be non-blocking (its owner polls it): block while sending, or,
+    // to fill the receiver's queue, never block, with room for every datagram it can hold.
     int flags = fcntl(fd, F_GETFL);
-    if (flags < 0 || fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) != 0)
+    if (flags < 0 || fcntl(fd, F_SETFL, o.fill ? flags | O_NONBLOCK : flags & ~O_NONBLOCK) != 0)
         die("fcntl");
+    if (o.fill) {
+        int room = 256 << 20;
+        if (setsockopt(fd, SOL_SOCKET, SO_SNDBUFFORCE, &room, sizeof(room)) != 0)
+            setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &room, sizeof(room));
+    }
 
     // The events, made once: status, join or leave of each station, or leave and join of each.
     std::string_view ev = o.event;
@@ -150,11 +160,11 @@ int send_events(const options &o)
     iovec iov[BATCH];
     long sent = 0, next = 0, counted = 0;
     double t0 = now(), begin = t0, end = 0;
-    bool counting = o.count > 0 || o.warmup <= 0;
+    bool counting = o.count > 0 || o.warmup <= 0 || o.fill;
     for (;;) {
         if (o.count > 0 && sent == o.count)
             break;
-        if (o.count == 0) {
+        if (o.count == 0 && !o.fill) {
             double t = now();
             if (!counting && t - t0 >= o.warmup) {
                 counting = true;
@@ -178,6 +188,8 @@ int send_events(const options &o)
             msgs[i].msg_hdr.msg_iovlen = 1;
         }
         int n = sendmmsg(fd, msgs, (unsigned)batch, 0);
+        if (n < 0 && o.fill && (errno == EAGAIN || errno == EWOULDBLOCK))
+            break;  // the queue is full
         if (n < 0) {
             if (errno == EINTR)
                 continue;
@@ -217,7 +229,8 @@ int sink(const std::string &path)
 [[noreturn]] void usage()
 {
     fputs("usage: event_pump send --to PATH (--fd N | --from PATH) --event status|join|leave|cycle\n"
-          "                  --stations N --bss I [--rssi R] [--base N] (--count N | --seconds S [--warmup W])\n"
+          "                  --stations N --bss I [--rssi R] [--base N]\n"
+          "                  (--count N | --seconds S [--warmup W] | --fill 1)\n"
           "       event_pump sink PATH\n",
           stderr);
     exit(2);
@@ -259,10 +272,12 @@ int main(int argc, char **argv)
             o.seconds = atof(v);
         else if (k == "--warmup")
             o.warmup = atof(v);
+        else if (k == "--fill")
+            o.fill = atoi(v) != 0;
         else
             usage();
     }
-    if (o.to.empty() || o.stations < 1 || o.stations > 65535 || (o.count <= 0 && o.seconds <= 0))
+    if (o.to.empty() || o.stations < 1 || o.stations > 65535 || (o.count <= 0 && o.seconds <= 0 && !o.fill))
         usage();
     return send_events(o);
 }
