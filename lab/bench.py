@@ -141,11 +141,15 @@ class Bench:
         self.wait_lines(lambda line: daemonlog.READY.match(line.text), 1, timeout, "the daemon is ready")
         return d
 
-    def wait_lines(self, match, count, timeout, what):
-        """Waits until `count` new lines of the daemon's log match; returns them."""
+    def wait_lines(self, match, count, timeout, what, counts=None):
+        """Waits until `count` new lines of the daemon's log match (and, with `counts`, pass it too);
+        returns the matching lines."""
         found = []
         deadline = time.monotonic() + timeout
-        while len(found) < count:
+
+        def done():
+            return sum(1 for line in found if counts is None or counts(line)) >= count
+        while not done():
             d = self.lab.daemon(NODE)
             if d.returncode is not None:
                 raise LabError(f"the daemon ended ({d.state()}) while waiting until {what}")
@@ -153,7 +157,7 @@ class Bench:
                 line = daemonlog.parse(raw)
                 if line is not None and match(line):
                     found.append(line)
-            if len(found) < count:
+            if not done():
                 if time.monotonic() > deadline:
                     raise LabError(f"waited {timeout:g} s in vain until {what}")
                 time.sleep(0.02)
@@ -191,10 +195,12 @@ class Bench:
         """Joins `stations` at once; (announcements the relay recorded, those the daemon could not send)."""
         since = time.monotonic()
         self.pump("--event", "join", "--stations", str(stations), "--count", str(stations))
-        failed = self.wait_lines(lambda line: line.func == "ssta_join_handler" or
-                                 (line.func == "ssta_bcast_associate" and line.text == "send message failed"),
-                                 stations, 60.0, f"the daemon took {stations} joins")
-        lost = sum(1 for line in failed if line.func == "ssta_bcast_associate")
+        # Each join logs a failure to announce it (if it failed) before the join itself.
+        seen = self.wait_lines(lambda line: line.func == "ssta_join_handler" or
+                               (line.func == "ssta_bcast_associate" and line.text == "send message failed"),
+                               stations, 60.0, f"the daemon took {stations} joins",
+                               counts=lambda line: line.func == "ssta_join_handler")
+        lost = sum(1 for line in seen if line.func == "ssta_bcast_associate")
 
         def announced():
             return [m for m in self.lab.relay.messages(type="SSTA_ASSOCIATE", sender=NODE) if m["mono"] >= since]
@@ -269,6 +275,8 @@ class Bench:
         return (counts[1]["total"] - counts[0]["total"]) / (large - small), per
 
     def cycles(self, n):
+        if n == 0:
+            return
         self.pump("--event", "cycle", "--stations", "256", "--count", str(2 * n))
         self.marker(300.0)
 
