@@ -44,8 +44,9 @@ JOIN_WAIT = 60.0                # seconds for every station to be associated at 
 class Churn:
     """Moves the world's stations about from a thread of its own until stopped."""
 
-    def __init__(self, lab, macs, seed):
+    def __init__(self, lab, macs, seed, walk=WALK):
         self.lab = lab
+        self.walk = walk
         self.macs = macs
         self.nodes = [n.name for n in lab.topology.nodes]
         self.random = random.Random(seed)
@@ -113,7 +114,7 @@ class Churn:
         elif r < P_LEAVE + P_WALK:
             here = self.near[mac]
             there = self.random.choice([n for n in self.nodes if n != here])
-            length = self.random.uniform(*WALK)
+            length = self.random.uniform(*self.walk)
             self.lab.world.walk(mac, [{"at": 0, "rssi_at": self.heard(here)},
                                       {"at": length, "rssi_at": self.heard(there)}], step=WALK_STEP)
             self.near[mac] = there
@@ -176,8 +177,9 @@ def table(start, end):
     return lines
 
 
-def soak(minutes, lab_dir, seed=1, out=print, mem_kib=MEM_TOLERANCE_KIB, mem_pct=MEM_TOLERANCE_PCT):
-    """Runs a soak of `minutes` of churn in a fresh lab in `lab_dir`; returns (start, end, problems)."""
+def soak(minutes, lab_dir, seed=1, out=print, mem_kib=MEM_TOLERANCE_KIB, mem_pct=MEM_TOLERANCE_PCT, walk=WALK):
+    """Runs a soak of `minutes` of churn in a fresh lab in `lab_dir`; returns (start, end, problems).
+    `walk`: the shortest and longest walk from one node to another, in seconds."""
     started = time.monotonic()
     lab = Lab(daemon_binary())
     churn = None
@@ -196,14 +198,20 @@ def soak(minutes, lab_dir, seed=1, out=print, mem_kib=MEM_TOLERANCE_KIB, mem_pct
                 if daemonlog.neighbour_table(lab.log(name)) != {ids[n] for n in names if n != name}:
                     return False
             return True
-        lab.wait_for(formed, MESH_WAIT, 0.2)
+        try:
+            lab.wait_for(formed, MESH_WAIT, 0.2)
+        except TimeoutError:
+            raise LabError(f"the mesh did not form in {MESH_WAIT:g} s") from None
         out(f"soak: the mesh of {', '.join(names)} formed after {time.monotonic() - started:.0f} s; "
             f"{STATIONS} stations join")
         macs = [f"02:5a:00:00:{i >> 8:02x}:{i & 0xff:02x}" for i in range(STATIONS)]
-        churn = Churn(lab, macs, seed)
+        churn = Churn(lab, macs, seed, walk)
         churn.add_stations()
         churn.join_all()
-        lab.wait_for(lambda: all(lab.world.where(m) for m in macs), JOIN_WAIT, 0.5)
+        try:
+            lab.wait_for(lambda: all(lab.world.where(m) for m in macs), JOIN_WAIT, 0.5)
+        except TimeoutError:
+            raise LabError(f"not every station could join in {JOIN_WAIT:g} s") from None
         start = sample(lab)
         out(f"soak: every station joined after {time.monotonic() - started:.0f} s; "
             f"{minutes:g} min of churn from now")
