@@ -9,7 +9,8 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   python3 python3-pytest
   iproute2 iputils-ping util-linux procps
-  valgrind strace
+  systemd shellcheck busybox  # systemd-analyze, and the router shell, check the packaging
+  valgrind strace             # the lab's load benchmark
 )
 
 missing=()
