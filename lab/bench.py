@@ -339,7 +339,6 @@ def callgrind_costs(text, names):
     contains `name`} from a callgrind output file (the first event column, Ir)."""
     ids, fn, total = {}, None, None
     inclusive = {n: 0 for n in names}
-    pending_call = False
     positions = 1
 
     def name_of(spec):
@@ -361,8 +360,7 @@ def callgrind_costs(text, names):
                 for n in names:
                     if n in fn:
                         inclusive[n] += cost
-            pending_call = False
-            continue
+                    continue
         key, _, value = line.partition("=")
         if key == "fn":
             fn = name_of(value)
@@ -370,7 +368,7 @@ def callgrind_costs(text, names):
             if key == "cfn":
                 name_of(value)
         elif key == "calls":
-            pending_call = True     # the next cost line is the call's inclusive cost: counted above
+            pass        # the next cost line is the call's inclusive cost: the caller's, counted above
         elif key in ("fl", "fi", "fe", "ob"):
             pass
         elif line.startswith("positions:"):
@@ -404,7 +402,7 @@ def run(opts, out=print):
         topo["nodes"] = [n for n in topo["nodes"] if n["name"] == NODE]
         lab.up(topo, lab_dir, SETTINGS)
         if opts.backlog:
-            relay_mod_backlog(lab, opts.backlog)
+            lab.relay.listen(opts.backlog)
         lab.driver(NODE).set_radio_interval(0)         # no radio reports amid the events
         # A queue of a router's size: a netlink socket holds as many events as its receive buffer
         # takes (thousands), a Unix datagram socket only net.unix.max_dgram_qlen of them (10 by
@@ -480,14 +478,6 @@ def run(opts, out=print):
             shutil.rmtree(lab_dir, ignore_errors=True)
         else:
             out(f"bench: the lab's records, logs and callgrind files stay in {lab_dir}")
-
-
-def relay_mod_backlog(lab, backlog):
-    """Listens on every node's mesh socket with `backlog` instead of the system's longest queue."""
-    def go():
-        for s in lab.relay._servers:
-            s.listen(backlog)
-    lab.loop.call(go)
 
 
 def table(fig, opts):
