@@ -37,6 +37,7 @@ STATUS_INTERVAL = 10.0          # seconds between a station's status reports
 P_WALK, P_LEAVE, P_RETURN = 1 / 90, 1 / 400, 1 / 30
 MEM_TOLERANCE_KIB, MEM_TOLERANCE_PCT = 64, 10
 FD_TOLERANCE = 2
+WARM_VAP = "wlan1"              # the BSS of each node every station visits before the start
 MESH_WAIT = 60.0                # seconds for every daemon to know both others
 JOIN_WAIT = 60.0                # seconds for every station to be associated at the start
 
@@ -75,9 +76,21 @@ class Churn:
         return {n: (NEAR + offset if n == node else FAR) for n in self.nodes}
 
     def join_all(self):
+        """Every station joins the 5 GHz BSS of each other node in turn, then its own node's: every
+        daemon has met every station, so that its station table is as full at the start as it
+        will ever be and only what churn and steering leave behind can grow."""
         for mac in self.macs:
-            self.lab.world.associate(mac)
-            self.done["joins"] += 1
+            home = self.near[mac]
+            visits = [n for n in self.nodes if n != home] + [home]
+            for i, node in enumerate(visits):
+                try:
+                    if i == 0:
+                        self.lab.world.associate(mac, node, WARM_VAP)
+                    else:
+                        self.lab.world.roam(mac, node, WARM_VAP)
+                except ValueError:
+                    pass        # refused there (it tries again on its own) or not associated yet
+                self.done["joins"] += 1
 
     def start(self):
         self._thread = threading.Thread(target=self._run, name="soak-churn", daemon=True)
@@ -161,19 +174,21 @@ def judge(start, end, mem_kib=MEM_TOLERANCE_KIB, mem_pct=MEM_TOLERANCE_PCT, fds=
     return problems
 
 
-def table(start, end):
-    lines = [f"{'node':<5} {'pid':>7}  {'private dirty KiB':<24} {'open fds':<10} {'steers attempted/succeeded':<28}",
-             f"{'':<5} {'':>7}  {'start -> end (growth)':<24} {'start->end':<10} {'start -> end (during)':<28}"]
+def table(start, end, middle=None):
+    lines = [f"{'node':<5} {'pid':>7}  {'private dirty KiB':<30} {'open fds':<10} {'steers attempted/succeeded':<28}",
+             f"{'':<5} {'':>7}  {'start -> half-way -> end (growth)':<30} {'start->end':<10} "
+             f"{'start -> end (during)':<28}"]
     for node, a in start.items():
         b = end[node]
+        half = (middle or {}).get(node)
         if b["alive"]:
-            mem = f"{a['kib']} -> {b['kib']} ({b['kib'] - a['kib']:+d})"
+            mem = f"{a['kib']} -> {half if half is not None else '-'} -> {b['kib']} ({b['kib'] - a['kib']:+d})"
             fds = f"{a['fds']} -> {b['fds']}"
         else:
-            mem, fds = f"{a['kib']} -> died", f"{a['fds']} -> -"
+            mem, fds = f"{a['kib']} -> ... -> died", f"{a['fds']} -> -"
         steer = (f"{a['attempted']}/{a['succeeded']} -> {b['attempted']}/{b['succeeded']} "
                  f"({b['attempted'] - a['attempted']}/{b['succeeded'] - a['succeeded']})")
-        lines.append(f"{node:<5} {a['pid']:>7}  {mem:<24} {fds:<10} {steer:<28}")
+        lines.append(f"{node:<5} {a['pid']:>7}  {mem:<30} {fds:<10} {steer:<28}")
     return lines
 
 
@@ -216,17 +231,21 @@ def soak(minutes, lab_dir, seed=1, out=print, mem_kib=MEM_TOLERANCE_KIB, mem_pct
         out(f"soak: every station joined after {time.monotonic() - started:.0f} s; "
             f"{minutes:g} min of churn from now")
         churn.start()
-        deadline = time.monotonic() + minutes * 60
+        begin = time.monotonic()
+        deadline = begin + minutes * 60
+        middle = None
         while time.monotonic() < deadline:
             time.sleep(min(1.0, max(0.0, deadline - time.monotonic())))
             if any(lab.daemon(n).returncode is not None for n in names):
                 out("soak: a daemon ended; stopping early")
                 break
+            if middle is None and time.monotonic() >= begin + minutes * 30:
+                middle = {n: row.get("kib") for n, row in sample(lab).items()}
         churn.stop()
         end = sample(lab)
         out(f"soak: {minutes:g} min of churn by {STATIONS} stations: {churn.done['joins']} joins, "
             f"{churn.done['leaves']} leaves, {churn.done['walks']} walks to another node")
-        for line in table(start, end):
+        for line in table(start, end, middle):
             out(line)
         problems = judge(start, end, mem_kib, mem_pct)
         out(f"tolerance: private memory may grow by {mem_kib} KiB + {mem_pct:g} %, open descriptors by "
