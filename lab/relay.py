@@ -30,7 +30,6 @@ TRANSPORT_HEADER = bytes([3, 1, 0])
 ENVELOPE_SIZE = 44
 TYPE_SIZE = 32
 MAX_MESSAGE = 1 << 20
-# The types of the daemons' mesh messages: what a fault may name.
 
 
 def max_backlog():
@@ -43,6 +42,7 @@ def max_backlog():
         return socket.SOMAXCONN
 
 
+# The types of the daemons' mesh messages: what a fault may name.
 MESSAGE_TYPES = ("SNEI_HEARTBEAT", "SNEI_EXIT", "SSTA_ASSOCIATE", "SAP_INFO",
                  "SBTM_START", "SBTM_READY", "SBTM_FINISH",
                  "SBOFF_START", "SBOFF_READY", "SBOFF_FINISH", "SBOFF_PREASSOC")
