@@ -10,7 +10,7 @@ import signal
 import sys
 from pathlib import Path
 
-from lab import commands, console  # noqa: F401  (console adds its commands to the table)
+from lab import bench, commands, console, soak  # noqa: F401  (they add their commands to the table)
 from lab.controller import EXPECTED_ERRORS, control_request, controller_pid, default_dir, error_text
 
 

@@ -221,9 +221,9 @@ class Lab:
 
     # -- daemons --------------------------------------------------------------------
 
-    def start_daemon(self, name, extra_env=None, args=()):
-        """Starts bandherd in node `name` (through `wrappers[name]` when set), its output appended
-        to <node>/bandherd.log."""
+    def start_daemon(self, name, extra_env=None, args=(), wrapper=None):
+        """Starts bandherd in node `name`, its output appended to <node>/bandherd.log, under
+        `wrapper` (a command line: ["valgrind", "--tool=callgrind", ...]) or else `wrappers[name]`."""
         node = self.node(name)
         if self.ns is None:
             raise LabError("this lab has no node namespaces: no daemon can run in it")
@@ -238,7 +238,9 @@ class Lab:
             env.update({k: str(v) for k, v in (extra_env or {}).items()})
             log_path = self.node_dir(name) / "bandherd.log"
             with open(log_path, "ab") as out:
-                argv = list(self.wrappers.get(node.name, [])) + [str(self.binary.resolve())] + list(args)
+                if wrapper is None:
+                    wrapper = self.wrappers.get(node.name, [])
+                argv = list(wrapper) + [str(self.binary.resolve())] + list(args)
                 proc = self.ns.run(node.name, argv, env=env,
                                    stdout=out, stderr=subprocess.STDOUT,
                                    cwd=self.node_dir(name) / "run", what="bandherd")

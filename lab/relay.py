@@ -30,6 +30,18 @@ TRANSPORT_HEADER = bytes([3, 1, 0])
 ENVELOPE_SIZE = 44
 TYPE_SIZE = 32
 MAX_MESSAGE = 1 << 20
+
+
+def max_backlog():
+    """The system's longest accept queue (what `listen` is capped at), as a mesh daemon uses it:
+    a node's daemon opens a connection per message without retrying, so a burst of its messages
+    must fit while the relay is busy."""
+    try:
+        return int(Path("/proc/sys/net/core/somaxconn").read_text())
+    except (OSError, ValueError):
+        return socket.SOMAXCONN
+
+
 # The types of the daemons' mesh messages: what a fault may name.
 MESSAGE_TYPES = ("SNEI_HEARTBEAT", "SNEI_EXIT", "SSTA_ASSOCIATE", "SAP_INFO",
                  "SBTM_START", "SBTM_READY", "SBTM_FINISH",
@@ -111,9 +123,17 @@ class Relay:
     def start(self):
         for node in self.topology.nodes:
             s = bind_unix(self.node_dir(node) / "weft_socket", socket.SOCK_STREAM)
-            s.listen(64)
+            s.listen(max_backlog())
             self._servers[s] = node
             self.loop.add_reader(s, self._on_accept)
+
+    def listen(self, backlog):
+        """Listens on every node's socket with an accept queue of `backlog` from now on (the
+        load benchmark shows what a short one loses)."""
+        def go():
+            for s in self._servers:
+                s.listen(backlog)
+        self.loop.call(go)
 
     def stop(self):
         for s, node in list(self._servers.items()):
@@ -223,12 +243,13 @@ class Relay:
         is over). A message is recorded as it comes, and its nodes as it reaches them."""
         return self.journal.records(settled, **match)
 
-    def send(self, from_node, to, msg_type, body):
+    def send(self, from_node, to, msg_type, body, sa=None):
         """Sends a message as the mesh daemon would: from node `from_node` (None: the lab's
-        own address) to a node (name or id) or to every node ("broadcast" or ff:ff:ff:ff:ff:ff).
-        Returns the message's record (as it stands once delivered, dropped or delayed)."""
+        own address, or `sa`: a node the topology does not have) to a node (name or id) or to
+        every node ("broadcast" or ff:ff:ff:ff:ff:ff). Returns the message's record (as it
+        stands once delivered, dropped or delayed)."""
         sender = self.topology.node(from_node) if from_node else None
-        sa = sender.id if sender else LAB_ADDRESS
+        sa = sender.id if sender else (sa or LAB_ADDRESS)
         if to in ("broadcast", "*", BROADCAST):
             da = BROADCAST
         else:

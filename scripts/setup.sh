@@ -10,7 +10,7 @@ packages=(
   python3 python3-pytest python3-pytest-xdist
   iproute2 iputils-ping util-linux procps
   systemd shellcheck busybox  # systemd-analyze, and the router shell, check the packaging
-  valgrind
+  valgrind strace             # the lab's load benchmark
 )
 
 missing=()

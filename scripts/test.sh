@@ -52,5 +52,6 @@ lab_tests build-asan/src/bandherd 4 tests/lab/test_startup.py
 
 echo "== lab tests (normal build)"
 lab_tests build/src/bandherd 12 tests/lab
+
 echo "== valgrind over a lab scenario (normal build)"
 BANDHERD_BIN=build/src/bandherd ./scripts/valgrind.sh

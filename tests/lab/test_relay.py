@@ -1,6 +1,8 @@
 """The mesh relay between stand-in daemons: header check, unicast, broadcast, records and faults."""
 
 import json
+import socket
+import threading
 import time
 from pathlib import Path
 
@@ -169,3 +171,27 @@ def test_the_lab_sends_as_the_mesh_daemon_does(lab_dir, mesh):
     assert steer["A"].wait(1)[0][0:6] == bytes.fromhex(IDS["A"].replace(":", ""))
     with pytest.raises(ValueError, match="longer than 31"):
         relay.send(None, "B", "X" * 32, {})
+
+
+def test_a_burst_of_connections_waits_for_the_busy_relay(lab_dir, mesh):
+    # A daemon connects without blocking and does not retry: 256 stations joining at once are 256
+    # connections that must all wait in the accept queue while the relay is busy elsewhere.
+    relay, steer = mesh
+    busy, release = threading.Event(), threading.Event()
+    relay.loop.call_soon(lambda: (busy.set(), release.wait(10)))
+    assert busy.wait(5)
+    refused = 0
+    for i in range(256):
+        s = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        s.setblocking(False)
+        try:
+            s.connect(str(lab_dir / "nodes" / "A" / "weft_socket"))
+            s.send(b"\x03\x01\x00" + message(IDS["A"], IDS["B"], "SSTA_ASSOCIATE", f'{{"bss":{i}}}'))
+        except BlockingIOError:
+            refused += 1
+        finally:
+            s.close()
+    release.set()
+    assert refused == 0
+    recs = settled(relay, 256)
+    assert sorted(r["body"]["bss"] for r in recs) == list(range(256))
