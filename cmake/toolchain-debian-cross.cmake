@@ -23,9 +23,14 @@ set(ENV{PKG_CONFIG_PATH} "")
 # The cross compiler's own C library must come first: the multiarch one that
 # the target's packages bring is another build, and a forked child crashes
 # with it. qemu's -E sets the variable for the target program only.
+# A program that dies of a signal makes qemu write "qemu: uncaught target
+# signal ..." on its standard error, into the output a death test checks,
+# unless qemu fails to write the program's core file: a core size limit of one
+# byte makes it fail, leaving only a 1 KiB qemu_*.core in the working directory.
 find_program(BANDHERD_QEMU ${BANDHERD_CROSS_QEMU})
 if(BANDHERD_QEMU)
-  set(CMAKE_CROSSCOMPILING_EMULATOR ${BANDHERD_QEMU}
+  set(CMAKE_CROSSCOMPILING_EMULATOR /bin/sh -c "ulimit -c 1; exec \"$@\"" qemu
+      ${BANDHERD_QEMU}
       -L /usr/${BANDHERD_CROSS_TRIPLE}
       -E LD_LIBRARY_PATH=/usr/${BANDHERD_CROSS_TRIPLE}/lib)
 endif()
