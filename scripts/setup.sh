@@ -29,6 +29,7 @@ if [ -z "$arch" ]; then
     libgtest-dev libgmock-dev libbenchmark-dev
     python3 python3-pytest
     iproute2 iputils-ping util-linux procps
+    systemd shellcheck busybox  # systemd-analyze, and the router shell, check the packaging
   )
 else
   packages=(
