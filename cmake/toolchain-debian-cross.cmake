@@ -29,7 +29,7 @@ set(ENV{PKG_CONFIG_PATH} "")
 # byte makes it fail, leaving only a 1 KiB qemu_*.core in the working directory.
 find_program(BANDHERD_QEMU ${BANDHERD_CROSS_QEMU})
 if(BANDHERD_QEMU)
-  set(CMAKE_CROSSCOMPILING_EMULATOR /bin/sh -c "ulimit -c 1; exec \"$@\"" qemu
+  set(CMAKE_CROSSCOMPILING_EMULATOR /bin/sh -c "ulimit -c 1 && exec \"$@\"" qemu
       ${BANDHERD_QEMU}
       -L /usr/${BANDHERD_CROSS_TRIPLE}
       -E LD_LIBRARY_PATH=/usr/${BANDHERD_CROSS_TRIPLE}/lib)
