@@ -3,12 +3,12 @@
 #
 # Everything (daemon and unit tests, which link the same objects) is compiled
 # for size (-Os), one section per function and datum so that the linker drops
-# what nothing uses, and without position independence (on MIPS that code is a
-# sixth of the daemon; the libraries stay randomised). The daemon's own
+# what nothing uses, and without position independence (on MIPS that code
+# makes the daemon a tenth bigger; the libraries stay randomised). The daemon's own
 # targets also go without unwind tables, exceptions and RTTI (it uses none),
 # keep their symbols to themselves and are optimised across modules at link
 # time; the daemon is stripped. BANDHERD_MIPS16 compiles the daemon's code in
-# the MIPS16e encoding, a third smaller, for cores that have it (24K, 34K,
+# the MIPS16e encoding, a fifth smaller, for cores that have it (24K, 34K,
 # 74K, 1004K, interAptiv).
 
 if(CMAKE_SYSTEM_PROCESSOR MATCHES "^mips")
