@@ -3,10 +3,12 @@
 # exactly the files an integrator gets, the programs executable, the daemon
 # runnable from there, the systemd unit starting the installed daemon and
 # accepted by systemd-analyze where that is at hand.
-#   packaging/check_install.sh BUILD_DIR
+#   packaging/check_install.sh BUILD_DIR [EMULATOR...]
+# EMULATOR (a cross build's) runs the installed daemon.
 set -eu
 
-build=${1:?usage: check_install.sh BUILD_DIR}
+build=${1:?usage: check_install.sh BUILD_DIR [EMULATOR...]}
+shift
 cache() { sed -n "s/^$1:[A-Z]*=//p" "$build/CMakeCache.txt"; }
 prefix=$(cache CMAKE_INSTALL_PREFIX)
 systemd=$(cache BANDHERD_INSTALL_SYSTEMD)
@@ -39,7 +41,7 @@ $want"
 for p in sbin/bandherd bin/steer_cli.sh; do
   [ -x "$root/$p" ] || fail "$p is not executable"
 done
-"$root/sbin/bandherd" -V | grep -q '^Version: ' || fail "the installed daemon does not run"
+"$@" "$root/sbin/bandherd" -V | grep -q '^Version: ' || fail "the installed daemon does not run"
 sh -n "$root/bin/steer_cli.sh" || fail "steer_cli.sh does not parse"
 
 if [ -n "$unit" ]; then

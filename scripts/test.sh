@@ -32,6 +32,9 @@ cmake --build build-router -j "$jobs" --target bandherd
 build-router/src/bandherd -V | grep -q "router platform"
 sh packaging/check_install.sh build-router   # the tree a router package is made of
 
+echo "== cross build for mipsel (size-optimised; unit tests under qemu-user)"
+./scripts/cross.sh mipsel build-mipsel
+
 echo "== sanitizer build (ASan + UBSan)"
 build build-asan -DCMAKE_BUILD_TYPE=Debug -DBANDHERD_SANITIZE=ON
 ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \

@@ -16,13 +16,15 @@
 // daemon on standard error and aborts (the SIGABRT path of the exit handler).
 #define STEER_ASSERT_FMT "\033[0;31mbandherd: Assertion failed, '%s' is not satisfied!!!\n   at %s:%d %s\033[0m\n"
 
-#define SASSERT(expr)                                                                      \
-    do {                                                                                   \
-        if (!(expr)) {                                                                     \
-            fprintf(stderr, STEER_ASSERT_FMT, #expr, __FILE_NAME__, __LINE__, __func__);   \
-            abort();                                                                       \
-        }                                                                                  \
+#define SASSERT(expr)                                                  \
+    do {                                                               \
+        if (!(expr))                                                   \
+            steer_assert_fail(#expr, __FILE_NAME__, __LINE__, __func__); \
     } while (0)
+
+// Prints the assertion message (STEER_ASSERT_FMT) and aborts; one call per
+// assertion instead of the printing at every site.
+[[noreturn]] void steer_assert_fail(const char *expr, const char *file, int line, const char *func);
 
 // ---------------------------------------------------------------------------
 // Per-module log level. Every source file gets its own pair: the level a module
@@ -87,8 +89,15 @@ extern unsigned long g_time;
 // MAC addresses: six bytes.
 constexpr size_t MAC_LEN = 6;
 
-#define MAC_FMT "%02x:%02x:%02x:%02x:%02x:%02x"
-#define MAC_ARG(m) (m)[0], (m)[1], (m)[2], (m)[3], (m)[4], (m)[5]
+// MAC_FMT with MAC_ARG(m) prints "xx:xx:xx:xx:xx:xx" (lower-case hex). The
+// address is written once into a temporary that lives until the end of the
+// full expression, i.e. the printf-family call it is an argument of.
+struct mac_text_t {
+    char s[MAC_LEN * 3];
+};
+mac_text_t mac_text(const uint8_t *m);
+#define MAC_FMT "%s"
+#define MAC_ARG(m) (mac_text(m).s)
 #define MAC_SCAN_FMT "%hhx:%hhx:%hhx:%hhx:%hhx:%hhx"
 #define MAC_SCAN_ARG(m) &(m)[0], &(m)[1], &(m)[2], &(m)[3], &(m)[4], &(m)[5]
 

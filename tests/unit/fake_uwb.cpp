@@ -35,13 +35,6 @@ int with_vap(const char *ifname, F answer)
     return 0;
 }
 
-std::string mac_text(const uint8_t *m)
-{
-    char buf[18];
-    snprintf(buf, sizeof(buf), MAC_FMT, MAC_ARG(m));
-    return buf;
-}
-
 int record(const std::string &call, int result = 0)
 {
     g_fake_uwb.calls.push_back(call);
@@ -138,7 +131,7 @@ int uwb_get_bssid(const char *, uint8_t *bssid, int)
 
 int uwb_kick_sta(const char *ifname, const uint8_t *mac, int)
 {
-    return record(std::string("kick_sta ") + ifname + " " + mac_text(mac), g_fake_uwb.kick_result);
+    return record(std::string("kick_sta ") + ifname + " " + mac_text(mac).s, g_fake_uwb.kick_result);
 }
 
 int uwb_set_bssload(const char *ifname, int load)
@@ -148,7 +141,7 @@ int uwb_set_bssload(const char *ifname, int load)
 
 int uwb_add_rrm_neighbor(const char *ifname, const uwb_rrm_nbr_t *e)
 {
-    return record(std::string("add_rrm_neighbor ") + ifname + " " + e->ifname + " " + mac_text(e->bssid) + " " +
+    return record(std::string("add_rrm_neighbor ") + ifname + " " + e->ifname + " " + mac_text(e->bssid).s + " " +
                       std::to_string(e->channel) + " " + std::to_string(e->band) + " " +
                       std::string(e->ssid, e->ssid_len),
                   g_fake_uwb.rrm_result);
@@ -156,18 +149,18 @@ int uwb_add_rrm_neighbor(const char *ifname, const uwb_rrm_nbr_t *e)
 
 int uwb_del_rrm_neighbor(const char *ifname, const uint8_t *bssid, int)
 {
-    return record(std::string("del_rrm_neighbor ") + ifname + " " + mac_text(bssid), g_fake_uwb.rrm_result);
+    return record(std::string("del_rrm_neighbor ") + ifname + " " + mac_text(bssid).s, g_fake_uwb.rrm_result);
 }
 
 int uwb_beacon_req(const char *ifname, const beacon_req_params_t *p)
 {
-    return record(std::string("beacon_req ") + ifname + " " + mac_text(p->sta_mac) + " " + std::to_string(p->channel) +
+    return record(std::string("beacon_req ") + ifname + " " + mac_text(p->sta_mac).s + " " + std::to_string(p->channel) +
                   " " + p->ssid);
 }
 
 int uwb_bss_trans_req(const char *ifname, const struct maps_msg_bss_trans_req *req)
 {
-    return record(std::string("bss_trans_req ") + ifname + " " + mac_text(req->sta) + " " + mac_text(req->bss) + " " +
+    return record(std::string("bss_trans_req ") + ifname + " " + mac_text(req->sta).s + " " + mac_text(req->bss).s + " " +
                       std::to_string(req->channel),
                   g_fake_uwb.btm_result);
 }
