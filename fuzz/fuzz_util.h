@@ -1,0 +1,63 @@
+// What the fuzz targets share: the input read as a sequence of operations,
+// an in-memory configuration store, a private sandbox, and a node of the
+// daemon that every run builds afresh over the unit tests' fakes.
+#ifndef FUZZ_UTIL_H
+#define FUZZ_UTIL_H
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "steer_util.h"
+
+// Reads the fuzzer's bytes front to back; past the end everything is 0.
+class fuzz_input {
+public:
+    fuzz_input(const uint8_t *data, size_t size) : p_(data), end_(data + size) {}
+    bool empty() const { return p_ >= end_; }
+    uint8_t u8() { return empty() ? 0 : *p_++; }
+    uint16_t u16() { return (uint16_t)(u8() | u8() << 8); }
+    // Up to `n` bytes (fewer at the end).
+    std::string bytes(size_t n);
+    // The bytes up to the next '\n' (dropped), at most `max`.
+    std::string line(size_t max);
+
+private:
+    const uint8_t *p_, *end_;
+};
+
+// The configuration store the daemon reads through GetValue.
+extern std::map<std::string, std::string> g_fuzz_conf;
+
+// Once per process: private namespaces with an empty network and a fresh
+// /var (the daemon's fixed paths), the log into /dev/null, the restart
+// request (a driver's VAP update) only noted. Aborts when namespaces
+// cannot be had, rather than touch the machine's own /var.
+void fuzz_setup();
+
+// One run's node: the driver channel after its start-up handshake, the node
+// model's driver events, then steer_node's three radios, station table,
+// neighbour table and steering modules, at g_time 1000 and with the
+// configuration of g_fuzz_conf. The destructor ends them all, the driver
+// channel's registrations included, so the next run starts afresh.
+class fuzz_node {
+public:
+    fuzz_node();
+    ~fuzz_node();
+    fuzz_node(const fuzz_node &) = delete;
+    fuzz_node &operator=(const fuzz_node &) = delete;
+
+private:
+    std::unique_ptr<steer_node> node_;
+};
+
+// Stations the targets talk about: STA and three more after it.
+const uint8_t *fuzz_sta(uint8_t n);
+// A BSS of this node or a neighbour: 1, 2, 3 (own), B, C.
+const uint8_t *fuzz_bss(uint8_t n);
+// Hands `line` to the operator's command parser; its output is dropped.
+int fuzz_command(const std::string &line);
+
+#endif
