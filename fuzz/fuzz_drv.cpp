@@ -43,15 +43,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         case 3:
             heartbeat(in.u8() & 1 ? PEER_C : PEER_B);
             break;
-        case 4: {
-            uint8_t sta = in.u8(), bss = in.u8(), how = in.u8() % 3;
-            char line[80];
-            const uint8_t *s = fuzz_sta(sta), *b = fuzz_bss(bss);
-            snprintf(line, sizeof(line), "act %s" MAC_FMT " " MAC_FMT, how == 0 ? "" : how == 1 ? "-t " : "-j ",
-                     MAC_ARG(s), MAC_ARG(b));
-            fuzz_command(line);
+        case 4:
+            fuzz_act(in);
             break;
-        }
         }
     }
     return 0;

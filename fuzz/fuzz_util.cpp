@@ -88,8 +88,9 @@ fuzz_node::fuzz_node()
     nl_deliver(MAPS_EV_PONG, MAPS_API_VERSION, sizeof(MAPS_API_VERSION));
     sap_init();
 
-    node_ = std::make_unique<steer_node>();
+    node_.emplace();
     slog_set_level(nullptr, SLOG_DUMP);
+    slog_set_print_time(false);
     const char *names[] = {"wl0", "wl1", "wl2"};
     const int channels[] = {6, 36, 37};
     for (int i = 0; i < 3; i++) {
@@ -130,4 +131,23 @@ int fuzz_command(const std::string &line)
     char buf[128] = {};
     snprintf(buf, sizeof(buf), "%.126s", line.c_str());
     return scmd_execute(out, buf);
+}
+
+void fuzz_act(fuzz_input &in)
+{
+    const uint8_t *sta = fuzz_sta(in.u8()), *bss = fuzz_bss(in.u8());
+    const char *how[] = {"", "-t ", "-j "};
+    char line[80];
+    snprintf(line, sizeof(line), "act %s" MAC_FMT " " MAC_FMT, how[in.u8() % 3], MAC_ARG(sta), MAC_ARG(bss));
+    fuzz_command(line);
+}
+
+void fuzz_station(fuzz_input &in)
+{
+    const uint8_t codes[] = {MAPS_EV_STA_JOIN, MAPS_EV_STA_LEAVE, MAPS_EV_STA_STATUS, MAPS_EV_STA_BAND};
+    const uint8_t *sta = fuzz_sta(in.u8());
+    uint8_t code = codes[in.u8() & 3], bss = in.u8() & 3;
+    int8_t rssi = (int8_t)in.u8();
+    uint8_t caps = in.u8() & 0x1f;
+    sta_event(code, sta, bss, rssi, caps, in.u8() % 101);
 }

@@ -7,7 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
-#include <memory>
+#include <optional>
 #include <string>
 
 #include "steer_util.h"
@@ -18,6 +18,7 @@ public:
     fuzz_input(const uint8_t *data, size_t size) : p_(data), end_(data + size) {}
     bool empty() const { return p_ >= end_; }
     uint8_t u8() { return empty() ? 0 : *p_++; }
+    uint8_t peek() const { return empty() ? 0 : *p_; }
     uint16_t u16() { return (uint16_t)(u8() | u8() << 8); }
     // Up to `n` bytes (fewer at the end).
     std::string bytes(size_t n);
@@ -50,7 +51,7 @@ public:
     fuzz_node &operator=(const fuzz_node &) = delete;
 
 private:
-    std::unique_ptr<steer_node> node_;
+    std::optional<steer_node> node_;
 };
 
 // Stations the targets talk about: STA and three more after it.
@@ -59,5 +60,10 @@ const uint8_t *fuzz_sta(uint8_t n);
 const uint8_t *fuzz_bss(uint8_t n);
 // Hands `line` to the operator's command parser; its output is dropped.
 int fuzz_command(const std::string &line);
+// Reads station, target BSS and mechanism, and steers by the operator's "act".
+void fuzz_act(fuzz_input &in);
+// Reads station, event, BSS (0 to 3), RSSI, capabilities and load, and sends
+// that station event from the driver.
+void fuzz_station(fuzz_input &in);
 
 #endif

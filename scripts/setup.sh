@@ -8,6 +8,7 @@ packages=(
   libuv1-dev libcjson-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   python3 python3-pytest
+  clang libclang-rt-14-dev llvm-14
   iproute2 iputils-ping util-linux procps
 )
 

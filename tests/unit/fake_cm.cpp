@@ -147,6 +147,11 @@ bool fake_cm_fire_poll(int fd, int bits)
     return false;
 }
 
+int fake_cm_last_poll_fd()
+{
+    return s_polls.empty() ? -1 : s_polls.back()->poll->fd;
+}
+
 int fake_cm_poll_events(int fd)
 {
     for (fake_poll *p : s_polls)

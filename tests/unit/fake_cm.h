@@ -19,6 +19,8 @@ int fake_cm_timeouts();
 bool fake_cm_fire_poll(int fd, int bits);
 // Bits asked for by the poll watching `fd`, or -1.
 int fake_cm_poll_events(int fd);
+// The descriptor of the poll started last, or -1.
+int fake_cm_last_poll_fd();
 
 // Stream I/O, off until turned on (the transport then runs without
 // receiving): one listening socket, whose peers the caller plays. The
