@@ -30,7 +30,7 @@ private:
 };
 
 // The configuration store the daemon reads through GetValue.
-extern std::map<std::string, std::string> g_fuzz_conf;
+extern std::map<std::string, std::string, std::less<>> g_fuzz_conf;
 
 // Once per process: private namespaces with an empty network and a fresh
 // /var (the daemon's fixed paths), the log into /dev/null, the restart
