@@ -4,7 +4,8 @@
 # corpus it grew before (build-fuzz/corpus/TARGET). Stops a target early after
 # RUNS executions when given. Prints per target its executions, executions
 # per second and coverage; a finding prints the fuzzer's report, leaves the
-# input in build-fuzz/artifacts/ and fails.
+# input in build-fuzz/artifacts/ and fails. BANDHERD_FUZZ_DIR names another
+# build directory.
 #
 #   scripts/fuzz.sh TARGET|all SECONDS [RUNS]      targets: drv mesh cmd conf
 set -euo pipefail
@@ -21,7 +22,7 @@ runs=${3:--1}
 
 ./scripts/setup.sh
 
-dir=build-fuzz
+dir=${BANDHERD_FUZZ_DIR:-build-fuzz}
 CC=clang CXX=clang++ cmake -S . -B "$dir" -G Ninja -DBANDHERD_FUZZ=ON -DBANDHERD_WERROR=ON \
   -DBANDHERD_BENCH=OFF -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build "$dir" -j "$(nproc)" --target fuzz_seeds "${targets[@]/#/fuzz_}"

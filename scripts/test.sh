@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # The project's one test command (CI runs it too): installs what is missing,
 # then builds and tests twice, normally and with AddressSanitizer +
-# UndefinedBehaviorSanitizer, and runs the daemon for real in private namespaces.
+# UndefinedBehaviorSanitizer, runs each fuzz target briefly, and runs the
+# daemon for real in private namespaces.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -28,6 +29,9 @@ echo "== sanitizer build (ASan + UBSan)"
 build build-asan -DCMAKE_BUILD_TYPE=Debug -DBANDHERD_SANITIZE=ON
 ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
   ctest --test-dir build-asan --output-on-failure -j "$jobs"
+
+echo "== fuzz targets, a short run each (clang, ASan + UBSan)"
+./scripts/fuzz.sh all 12
 
 echo "== the daemon as a user runs it (sanitizer build)"
 BANDHERD_BIN=build-asan/src/bandherd "$python" -m pytest -q -p no:cacheprovider tests/lab/test_startup.py
