@@ -3,7 +3,8 @@
 //
 // The input is a sequence of operations, each a byte then its arguments:
 //   0 event:    code, payload size (2 bytes, at most the channel's buffer), payload
-//   1 datagram: size (2 bytes), the bytes as they come off the socket
+//   1 datagram: sender (odd: not the driver), size (2 bytes), the bytes as
+//               they come off the socket
 //   2 tick:     seconds (1 to 64) of virtual time, timers firing
 //   3 heartbeat from neighbour B or C (its BSS ...:0b:01 or ...:0c:01)
 //   4 steer:    station, target BSS, mechanism (the operator's "act")
@@ -32,9 +33,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             break;
         }
         case 1: {
+            bool foreign = in.u8() & 1;
             std::string raw = in.bytes(in.u16() % (SDRV_BUFF_SIZE + 64));
             g_fake_nl.incoming.emplace_back(raw.begin(), raw.end());
+            g_fake_nl.from_driver = !foreign;
             sdrv_read(g_fake_nl.fd, 1, nullptr);
+            g_fake_nl.from_driver = true;
             break;
         }
         case 2:

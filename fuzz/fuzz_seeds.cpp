@@ -115,7 +115,8 @@ void drv_seeds(const std::string &dir)
                                            event(MAPS_EV_VAP_UPDATE, "") + event(MAPS_EV_STA_BAND, bytes(24, '\0')));
     // A datagram as it comes off the socket.
     std::vector<uint8_t> dgram = nl_event(MAPS_EV_STA_LEAVE, "\x02\xaa\0\0\0\x01\x01", 7);
-    write_seed(dir, "datagram", bytes{1} + u16(dgram.size()) + bytes(dgram.begin(), dgram.end()));
+    write_seed(dir, "datagram", bytes{1, 0} + u16(dgram.size()) + bytes(dgram.begin(), dgram.end()) + bytes{1, 1} +
+                                    u16(dgram.size()) + bytes(dgram.begin(), dgram.end()));
 }
 
 // Mesh operation 1: sender, addressee, type index, text.

@@ -10,6 +10,7 @@ packages=(
   python3 python3-pytest
   clang libclang-rt-14-dev llvm-14
   iproute2 iputils-ping util-linux procps
+  systemd shellcheck busybox  # systemd-analyze, and the router shell, check the packaging
 )
 
 missing=()

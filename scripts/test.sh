@@ -25,6 +25,14 @@ echo "== normal build"
 build build -DCMAKE_BUILD_TYPE=RelWithDebInfo
 ctest --test-dir build --output-on-failure -j "$jobs"
 
+echo "== router platform (netlink channel, the lab's Wi-Fi library in the vendor's place)"
+cmake -S . -B build-router -G Ninja -DBANDHERD_WERROR=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+  -DBANDHERD_PLATFORM=router -DBANDHERD_UWB_LIBRARY="$PWD/build/platform/libuwb.a" \
+  -DBANDHERD_TESTS=OFF -DBANDHERD_BENCH=OFF >/dev/null
+cmake --build build-router -j "$jobs" --target bandherd
+build-router/src/bandherd -V | grep -q "router platform"
+sh packaging/check_install.sh build-router   # the tree a router package is made of
+
 echo "== sanitizer build (ASan + UBSan)"
 build build-asan -DCMAKE_BUILD_TYPE=Debug -DBANDHERD_SANITIZE=ON
 ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \

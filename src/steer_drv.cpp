@@ -29,6 +29,7 @@ sev_timer_t *s_ping_timer;
 sev_poll_t *s_poll;
 char s_default_if[SDRV_IFNAME_SIZE];
 bool s_init_finished;
+unsigned s_foreign;  // datagrams from anyone but the driver
 
 static_assert(sizeof(nlmsghdr) == MAPS_NL_HDR_LEN, "netlink header is 16 bytes");
 
@@ -194,10 +195,24 @@ int sdrv_send(maps_ev_e event, const void *data, size_t size)
     return 0;
 }
 
+// Another local process can reach the daemon's port id; only the driver's
+// datagrams are read, the rest are counted and dropped (logged at 1, 2, 4, ...).
+static void sdrv_drop_foreign()
+{
+    ++s_foreign;
+    if ((s_foreign & (s_foreign - 1)) == 0)
+        LOG_WARN("%s:%d, dropped a datagram that the driver did not send (%u so far)", s_foreign);
+}
+
 void sdrv_read(int fd, int, void *)
 {
     uint8_t buf[SDRV_BUFF_SIZE] = {};
-    ssize_t ret = nlc_recv(fd, buf, sizeof(buf));
+    int from_driver = 0;
+    ssize_t ret = nlc_recv(fd, buf, sizeof(buf), &from_driver);
+    if (ret >= 0 && !from_driver) {
+        sdrv_drop_foreign();
+        return;
+    }
     if (ret < (ssize_t)MAPS_NL_HDR_LEN) {
         LOG_ERROR("%s:%d, read error! ret=%d, errno=%d:%s", (int)ret, errno, strerror(errno));
         return;

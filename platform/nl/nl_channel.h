@@ -18,8 +18,10 @@ int nlc_socket(int protocol);
 int nlc_bind(int fd, uint32_t port_id, uint32_t groups);
 // Sends one message to the kernel (port id 0); the result of sendto.
 ssize_t nlc_send_kernel(int fd, const void *buf, size_t len, uint32_t groups);
-// Receives one message; the result of recv.
-ssize_t nlc_recv(int fd, void *buf, size_t size);
+// Receives one message; the result of recv. `*from_driver` tells whether the
+// driver sent it (the kernel's port id 0); anything else may reach the socket
+// too (another process that knows the port id) and is not the driver's word.
+ssize_t nlc_recv(int fd, void *buf, size_t size, int *from_driver);
 
 #ifdef __cplusplus
 }

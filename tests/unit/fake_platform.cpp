@@ -59,8 +59,9 @@ ssize_t nlc_send_kernel(int, const void *buf, size_t len, uint32_t)
     return g_fake_nl.send_result > 0 ? (ssize_t)len : -1;
 }
 
-ssize_t nlc_recv(int, void *buf, size_t size)
+ssize_t nlc_recv(int, void *buf, size_t size, int *from_driver)
 {
+    *from_driver = g_fake_nl.from_driver;
     if (g_fake_nl.incoming.empty()) {
         errno = EAGAIN;
         return -1;

@@ -16,6 +16,7 @@ struct fake_nl_state {
     int send_result = 1;     // > 0: sent
     std::vector<std::vector<uint8_t>> sent;
     std::deque<std::vector<uint8_t>> incoming;  // what nlc_recv hands out
+    bool from_driver = true;                    // who nlc_recv says sent it
 };
 
 extern fake_nl_state g_fake_nl;

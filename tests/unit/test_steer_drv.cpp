@@ -95,6 +95,17 @@ TEST_F(SdrvTest, EventsAreCheckedThenDispatchedByCodeWithTheirNetlinkLength)
     padded.resize(32, 'x');  // padding after nlmsg_len is not payload
     deliver(padded);
     EXPECT_EQ(s_seen, (std::vector<std::string>{"200 ", "201 123"}));
+
+    // Whatever another process sends is counted and dropped, however well formed.
+    log_capture foreign;
+    g_fake_nl.from_driver = false;
+    for (int i = 0; i < 5; i++)
+        deliver(nl_event(EV_A, "forged", 6));
+    g_fake_nl.from_driver = true;
+    EXPECT_EQ(s_seen.size(), 2u);
+    EXPECT_EQ(foreign.plain(), "warning sdrv_drop_foreign, dropped a datagram that the driver did not send (1 so far)\n"
+                               "warning sdrv_drop_foreign, dropped a datagram that the driver did not send (2 so far)\n"
+                               "warning sdrv_drop_foreign, dropped a datagram that the driver did not send (4 so far)\n");
 }
 
 TEST_F(SdrvTest, SendPadsAsNetlinkDoes)
