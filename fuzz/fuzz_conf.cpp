@@ -3,7 +3,7 @@
 // arbitrary inputs.
 //
 // The input starts with configuration lines: a 0 byte, a key (by its index
-// in fuzz_conf_keys.h), the value up to '\n'. The first other byte ends them;
+// in fuzz_conf_keys()), the value up to '\n'. The first other byte ends them;
 // then come operations, each a byte then its arguments:
 //   0 RSSI on another band:  RSSI, source band, destination band
 //   1 a station's rate:      station, radio, RSSI
@@ -25,7 +25,6 @@
 
 #include "conf_store.h"
 #include "fake_cm.h"
-#include "fuzz_conf_keys.h"
 #include "fuzz_util.h"
 #include "maps.h"
 #include "steer_ap.h"
@@ -175,7 +174,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     g_fuzz_conf = {{"bandherd.ess", ""}};
     while (!in.empty() && in.peek() == 0) {
         in.u8();
-        const char *key = FUZZ_CONF_KEYS[in.u8() % FUZZ_CONF_KEY_COUNT];
+        const std::vector<std::string> &keys = fuzz_conf_keys();
+        const std::string &key = keys[in.u8() % keys.size()];
         g_fuzz_conf[key] = in.line(CONF_VALUE_MAX + 8);
     }
 

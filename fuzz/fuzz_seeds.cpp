@@ -10,7 +10,7 @@
 
 #include "maps.h"
 #include "fake_platform.h"
-#include "fuzz_conf_keys.h"
+#include "fuzz_util.h"
 #include "msg_util.h"
 #include "steer_util.h"
 
@@ -178,18 +178,21 @@ void cmd_seeds(const std::string &dir)
 // Configuration lines (0, key index, value), then the equations' operations.
 void conf_seeds(const std::string &dir)
 {
-    auto key = [](int index, const std::string &value) { return bytes{0, (char)index} + value + "\n"; };
+    auto key = [](const char *name, const std::string &value) {
+        return bytes{0, (char)fuzz_conf_key(name)} + value + "\n";
+    };
     bytes ops = bytes{5, 0, 0, 1, (char)-60, 0x0f, 0} + bytes{5, 1, 0, 2, (char)-80, 0x1f, 0} +
                 bytes{0, (char)-60, 0, 1} + bytes{1, 0, 1, (char)-60} + bytes{1, 1, 2, (char)-70} + bytes{2, (char)200} +
                 bytes{3, 1, 2, 3, 4, 5, 6, 7, 8} + bytes{4, 1, 2, 100, 0, 0, 0, 50, 0, 0, 0, 2, 30} +
                 bytes{7, (char)-50, (char)-1} + "-70,-6;-10,1;6.8937,1.4988,0.004;0\n" + tick(20);
     write_seed(dir, "defaults", bytes{1} + ops);
-    write_seed(dir, "numbers", key(FUZZ_KEY_LRSSI_2, "-0x40") + key(FUZZ_KEY_LRSSI_2 + 1, "012") +
-                                   key(FUZZ_KEY_LRSSI_2 + 2, "-70 ") + bytes{1} + ops);
-    write_seed(dir, "equations", key(0, "-70,-6;-10,1;6.8937,1.4988,0.004;0") + key(6, "1e308;0;1,2,3,4,5,1e300") +
-                                     key(12, "-90;1;2") + bytes{1} + ops);
-    write_seed(dir, "protected", key(FUZZ_KEY_PT_STA, "02:aa:00:00:00:01,02:aa:00:00:00:02,zz") + bytes{1} + ops);
-    write_seed(dir, "refused", key(14, "0"));
+    write_seed(dir, "numbers", key("bandherd.lrssi_2", "-0x40") + key("bandherd.hrssi_2", "012") +
+                                   key("bandherd.lrssi_5", "-70 ") + key("bandherd.mppmac", "02:00:00:00:0b:00") + bytes{1} + ops);
+    write_seed(dir, "equations", key("bandherd.rssi_2to5", "-70,-6;-10,1;6.8937,1.4988,0.004;0") +
+                                     key("bandherd.rate_ag", "1e308;0;1,2,3,4,5,1e300") +
+                                     key("bandherd.rate_2xax_5g", "-90;1;2") + bytes{1} + ops);
+    write_seed(dir, "protected", key("bandherd.pt_sta", "02:aa:00:00:00:01,02:aa:00:00:00:02,zz") + bytes{1} + ops);
+    write_seed(dir, "refused", key("bandherd.rate_factor", "0"));
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <fstream>
 #include <cstring>
 #include <string_view>
 
@@ -155,4 +156,38 @@ void fuzz_station(fuzz_input &in)
     int8_t rssi = (int8_t)in.u8();
     uint8_t caps = in.u8() & 0x1f;
     sta_event(code, sta, bss, rssi, caps, in.u8() % 101);
+}
+
+const std::vector<std::string> &fuzz_conf_keys()
+{
+    static const std::vector<std::string> keys = [] {
+        std::vector<std::string> out;
+        std::ifstream f(FUZZ_CONF_EXAMPLE);
+        std::string line;
+        while (std::getline(f, line)) {
+            size_t start = line.starts_with("#") ? 1 : 0;
+            size_t eq = line.find('=');
+            if (eq == std::string::npos || eq == start)
+                continue;
+            std::string key = line.substr(start, eq - start);
+            if (key.find_first_not_of("abcdefghijklmnopqrstuvwxyz0123456789_.") == std::string::npos)
+                out.push_back(key);
+        }
+        if (out.empty()) {
+            fprintf(stderr, "fuzz: no keys in %s\n", FUZZ_CONF_EXAMPLE);
+            abort();
+        }
+        return out;
+    }();
+    return keys;
+}
+
+int fuzz_conf_key(const std::string &key)
+{
+    const std::vector<std::string> &keys = fuzz_conf_keys();
+    for (size_t i = 0; i < keys.size(); i++)
+        if (keys[i] == key)
+            return (int)i;
+    fprintf(stderr, "fuzz: no key %s in %s\n", key.c_str(), FUZZ_CONF_EXAMPLE);
+    abort();
 }

@@ -9,6 +9,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "steer_util.h"
 
@@ -53,6 +54,11 @@ public:
 private:
     std::optional<steer_node> node_;
 };
+
+// Every key of the shipped example configuration (which holds every key
+// the daemon reads), in its order; a key's index is its place here.
+const std::vector<std::string> &fuzz_conf_keys();
+int fuzz_conf_key(const std::string &key);
 
 // Stations the targets talk about: STA and three more after it.
 const uint8_t *fuzz_sta(uint8_t n);
