@@ -76,6 +76,7 @@ fuzz_node::fuzz_node()
 {
     // The driver channel and the node model's events, on a node without
     // ESSes, as the daemon starts them before the other modules.
+    slog_set_print_time(false);  // the operator's "log -t" may have turned it on
     fake_uwb_reset();
     fake_platform_reset();
     g_fake_uwb.vaps["wl0"].os_ifname = "lo";
@@ -92,7 +93,6 @@ fuzz_node::fuzz_node()
 
     node_.emplace();
     slog_set_level(nullptr, SLOG_DUMP);
-    slog_set_print_time(false);
     const char *names[] = {"wl0", "wl1", "wl2"};
     const int channels[] = {6, 36, 37};
     for (int i = 0; i < 3; i++) {
