@@ -8,6 +8,7 @@
 //   2 tick:     seconds (1 to 64) of virtual time, timers firing
 //   3 heartbeat from neighbour B or C (its BSS ...:0b:01 or ...:0c:01)
 //   4 steer:    station, target BSS, mechanism (the operator's "act")
+//   5 measure:  station (the operator's "ns": a beacon request goes out)
 #include <string>
 
 #include "fake_platform.h"
@@ -25,7 +26,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     fuzz_input in(data, size);
     fuzz_node node;
     for (int ops = 0; !in.empty() && ops < 64; ops++) {
-        switch (in.u8() % 5) {
+        switch (in.u8() % 6) {
         case 0: {
             uint8_t code = in.u8();
             std::string payload = in.bytes(in.u16() % (SDRV_BUFF_SIZE - 23));
@@ -50,6 +51,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         case 4:
             fuzz_act(in);
             break;
+        case 5: {
+            // A neighbour measurement, whose beacon reports the station then sends.
+            const uint8_t *sta = fuzz_sta(in.u8());
+            char line[40];
+            snprintf(line, sizeof(line), "ns " MAC_FMT, MAC_ARG(sta));
+            fuzz_command(line);
+            break;
+        }
         }
     }
     return 0;

@@ -111,6 +111,9 @@ void drv_seeds(const std::string &dir)
     write_seed(dir, "beacon-report", hb + sta(MAPS_EV_STA_JOIN, 0, 1, -75) + sta(MAPS_EV_STA_STATUS, 0, 1, -75) +
                                          sta(MAPS_EV_STA_STATUS, 0, 1, -75) + tick(1) +
                                          event(MAPS_EV_BEACON_REP, raw(rep)) + tick(10));
+    write_seed(dir, "measurement", hb + sta(MAPS_EV_STA_JOIN, 0, 1, -75) + bytes{5, 0} +
+                                       event(MAPS_EV_BEACON_REP, raw(rep)) + tick(3) + event(MAPS_EV_BEACON_REP, raw(rep)) +
+                                       tick(10));
     write_seed(dir, "pong-vap-update", event(MAPS_EV_PONG, bytes(MAPS_API_VERSION, sizeof(MAPS_API_VERSION))) +
                                            event(MAPS_EV_VAP_UPDATE, "") + event(MAPS_EV_STA_BAND, bytes(24, '\0')));
     // A datagram as it comes off the socket.

@@ -17,6 +17,7 @@
 #include "steer_ap.h"
 #include "steer_cmd.h"
 #include "steer_drv.h"
+#include "steer_ven.h"
 #include "test_util.h"
 
 std::map<std::string, std::string, std::less<>> g_fuzz_conf = {{"bandherd.ess", ""}};
@@ -92,6 +93,7 @@ fuzz_node::fuzz_node()
     sap_init();
 
     node_.emplace();
+    sven_init();  // the last module the daemon starts: other nodes' SAP_INFO
     slog_set_level(nullptr, SLOG_DUMP);
     const char *names[] = {"wl0", "wl1", "wl2"};
     const int channels[] = {6, 36, 37};
@@ -106,6 +108,7 @@ fuzz_node::fuzz_node()
 
 fuzz_node::~fuzz_node()
 {
+    sven_exit();
     node_.reset();
     sdrv_exit();
     unlink("/var/run/steer.log");
