@@ -46,7 +46,7 @@ struct sigaction s_fuzzer_abort;
 // Whether the log's last line is a FATAL one.
 bool fatal_logged()
 {
-    char tail[512] = {};
+    char tail[16384] = {};  // a FATAL line quotes values of up to 2307 characters
     int fd = open(LOG, O_RDONLY);
     if (fd < 0)
         return false;

@@ -196,6 +196,8 @@ void conf_seeds(const std::string &dir)
                                      key("bandherd.rate_2xax_5g", "-90;1;2") + bytes{1} + ops);
     write_seed(dir, "protected", key("bandherd.pt_sta", "02:aa:00:00:00:01,02:aa:00:00:00:02,zz") + bytes{1} + ops);
     write_seed(dir, "refused", key("bandherd.rate_factor", "0"));
+    // Refused with a FATAL line longer than a short look at the log's end.
+    write_seed(dir, "refused-long", key("bandherd.ess", std::string(500, 'm')));
 }
 
 }  // namespace
