@@ -28,6 +28,7 @@ if [ -z "$arch" ]; then
     libuv1-dev libcjson-dev
     libgtest-dev libgmock-dev libbenchmark-dev
     python3 python3-pytest python3-pytest-xdist
+    clang libclang-rt-14-dev llvm-14   # the fuzz targets
     iproute2 iputils-ping util-linux procps
     systemd shellcheck busybox  # systemd-analyze, and the router shell, check the packaging
     valgrind strace             # valgrind runs, the lab's load benchmark

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # The project's one test command (CI runs it too): installs what is missing,
 # then builds and tests twice, normally and with AddressSanitizer +
-# UndefinedBehaviorSanitizer, and runs the daemon for real in private namespaces.
+# UndefinedBehaviorSanitizer, runs each fuzz target briefly, and runs the
+# daemon for real in private namespaces.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -39,6 +40,9 @@ echo "== sanitizer build (ASan + UBSan)"
 build build-asan -DCMAKE_BUILD_TYPE=Debug -DBANDHERD_SANITIZE=ON
 ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
   ctest --test-dir build-asan --output-on-failure -j "$jobs"
+
+echo "== fuzz targets, a short run each (clang, ASan + UBSan)"
+./scripts/fuzz.sh all 12
 
 # The lab tests mostly wait on the daemons' timers (heartbeats, ageing, time-outs), so they run
 # on many more workers than cores; tests that share a lab of their module stay on one worker

@@ -175,6 +175,13 @@ void slog_register_logger(int *plogger, const char *name)
     SASSERT(plogger != &g_logger);
 
     *plogger = g_logger;
+    // A module started again keeps its one entry.
+    for (slog_reg *reg : s_loggers) {
+        if (reg->plogger == plogger) {
+            reg->name = name;
+            return;
+        }
+    }
     auto *reg = static_cast<slog_reg *>(malloc(sizeof(slog_reg)));
     if (!reg)
         return;

@@ -22,6 +22,8 @@ enum {
 extern int g_logger;
 
 void slog_log(int level, const char *fmt, ...) __attribute__((format(printf, 2, 3)));
+// Lists `plogger` under `name`, at the global level; registering it again
+// keeps its one entry.
 void slog_register_logger(int *plogger, const char *name);
 int slog_set_level(const char *name, int level);
 void slog_print_levels(FILE *f);

@@ -25,6 +25,37 @@ double s_now;
 std::list<fake_entry *> s_entries;
 std::list<fake_poll *> s_polls;
 
+// Stream I/O: the listener, its armed accept, and the open connections, the
+// newest last, each with its armed read (or none).
+struct fake_conn {
+    cm_io *io;
+    cm_io_read_cb read_cb;
+};
+
+bool s_io_on;
+cm_io *s_listener;
+cm_io *s_accept_client;
+cm_io_accept_cb s_accept_cb;
+std::list<fake_conn> s_conns;
+
+fake_conn *newest_conn()
+{
+    return s_conns.empty() ? nullptr : &s_conns.back();
+}
+
+// A length-carrying string: the length sits in front of the bytes, which
+// end with a NUL as well.
+sds sds_new(const void *data, size_t size)
+{
+    auto *block = static_cast<char *>(malloc(sizeof(size_t) + size + 1));
+    if (!block)
+        abort();
+    memcpy(block, &size, sizeof(size_t));
+    memcpy(block + sizeof(size_t), data, size);
+    block[sizeof(size_t) + size] = '\0';
+    return block + sizeof(size_t);
+}
+
 void run_timeout(fake_entry *e)
 {
     fake_entry to = *e;
@@ -64,6 +95,9 @@ int count_entries(bool timers)
 
 void fake_cm_reset()
 {
+    while (fake_cm_io_hangup()) {
+    }
+    s_conns.clear();
     for (fake_entry *e : s_entries) {
         if (e->timer)
             e->timer->impl = nullptr;
@@ -113,12 +147,69 @@ bool fake_cm_fire_poll(int fd, int bits)
     return false;
 }
 
+int fake_cm_last_poll_fd()
+{
+    return s_polls.empty() ? -1 : s_polls.back()->poll->fd;
+}
+
 int fake_cm_poll_events(int fd)
 {
     for (fake_poll *p : s_polls)
         if (p->poll->fd == fd)
             return p->events;
     return -1;
+}
+
+void fake_cm_io_enable()
+{
+    s_io_on = true;
+}
+
+bool fake_cm_io_connect()
+{
+    if (!s_accept_cb)
+        return false;
+    cm_io *client = s_accept_client;
+    cm_io_accept_cb cb = s_accept_cb;
+    s_accept_client = nullptr;
+    s_accept_cb = nullptr;
+    client->status = CM_IO_CONNECTED;
+    s_conns.push_back({client, nullptr});
+    cb(s_listener, client, 0);
+    return true;
+}
+
+bool fake_cm_io_deliver(const void *data, size_t size)
+{
+    fake_conn *c = newest_conn();
+    if (!c || !c->read_cb)
+        return false;
+    cm_io_read_cb cb = c->read_cb;
+    c->read_cb = nullptr;
+    cb(c->io, (ssize_t)size, sds_new(data, size), 0);
+    return true;
+}
+
+bool fake_cm_io_hangup()
+{
+    fake_conn *c = newest_conn();
+    if (!c)
+        return false;
+    cm_io *io = c->io;
+    cm_io_read_cb cb = c->read_cb;
+    if (!cb) {
+        s_conns.pop_back();  // nobody reads it: only forgotten
+        return true;
+    }
+    c->read_cb = nullptr;
+    cb(io, -1, nullptr, 1);  // the reader closes it
+    s_conns.remove_if([io](const fake_conn &k) { return k.io == io; });
+    return true;
+}
+
+int fake_cm_io_connections()
+{
+    return (int)s_conns.size();
 }
 
 extern "C" {
@@ -168,22 +259,53 @@ void cm_poll_stop(struct cm_poll *poll)
     poll->impl = nullptr;
 }
 
-// No stream I/O in the fake loop: the transport runs without receiving.
 size_t sdslen(const sds s)
 {
-    return s ? strlen(s) : 0;
+    size_t size = 0;
+    if (s)
+        memcpy(&size, s - sizeof(size_t), sizeof(size_t));
+    return size;
 }
 
 void sdsfree(sds s)
 {
-    free(s);
+    if (s)
+        free(s - sizeof(size_t));
 }
 
-int cm_io_listen(struct cm_io *, const char *) { return -1; }
-int cm_io_accept(struct cm_io *, struct cm_io *, cm_io_accept_cb, double) { return -1; }
-int cm_io_read(struct cm_io *, size_t, cm_io_read_cb, double) { return -1; }
+// One listener at a time: a second listen fails, as a taken address would.
+int cm_io_listen(struct cm_io *server, const char *)
+{
+    if (!s_io_on || s_listener)
+        return -1;
+    s_listener = server;
+    server->status = CM_IO_CONNECTED;
+    return 0;
+}
+
+int cm_io_accept(struct cm_io *server, struct cm_io *client, cm_io_accept_cb cb, double)
+{
+    if (!s_io_on || server != s_listener || s_accept_cb)
+        return -1;
+    s_accept_client = client;
+    s_accept_cb = cb;
+    return 0;
+}
+
+int cm_io_read(struct cm_io *client, size_t, cm_io_read_cb cb, double)
+{
+    for (fake_conn &c : s_conns) {
+        if (c.io == client && !c.read_cb) {
+            c.read_cb = cb;
+            return 0;
+        }
+    }
+    return -1;
+}
+
 int cm_io_close(struct cm_io *io)
 {
+    s_conns.remove_if([io](const fake_conn &c) { return c.io == io; });
     io->status = CM_IO_CLOSED;
     return 0;
 }

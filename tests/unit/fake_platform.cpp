@@ -69,7 +69,8 @@ ssize_t nlc_recv(int, void *buf, size_t size, int *from_driver)
     std::vector<uint8_t> msg = g_fake_nl.incoming.front();
     g_fake_nl.incoming.pop_front();
     size_t n = msg.size() < size ? msg.size() : size;
-    memcpy(buf, msg.data(), n);
+    if (n)
+        memcpy(buf, msg.data(), n);
     return (ssize_t)n;
 }
 

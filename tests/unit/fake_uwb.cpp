@@ -2,6 +2,8 @@
 
 #include <unistd.h>
 
+#include <ctime>
+
 #include <cstdio>
 #include <cstring>
 
@@ -179,13 +181,27 @@ int uwb_steer_maps(const char *ifname, void *req, size_t size, void *rsp)
 }  // extern "C"
 
 // The pauses the daemon makes around a BSS transition request (the driver
-// needs them on a router) pass at once here: tests run on virtual time.
-extern "C" unsigned int sleep(unsigned int)
+// needs them on a router) pass at once here: tests run on virtual time. Other
+// threads (a fuzzer's watchdog) are not the daemon's and sleep for real.
+namespace {
+
+int pause_for(time_t seconds, long nanoseconds)
 {
+    if (gettid() == getpid())
+        return 0;
+    timespec ts = {seconds, nanoseconds};
+    return nanosleep(&ts, nullptr);
+}
+
+}  // namespace
+
+extern "C" unsigned int sleep(unsigned int seconds)
+{
+    pause_for(seconds, 0);
     return 0;
 }
 
-extern "C" int usleep(useconds_t)
+extern "C" int usleep(useconds_t usec)
 {
-    return 0;
+    return pause_for(usec / 1000000, (long)(usec % 1000000) * 1000);
 }

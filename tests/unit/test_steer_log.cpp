@@ -27,6 +27,7 @@ TEST(SlogLevels, ModulesStartAtTheGlobalLevelAndAreSetByNameOtherOrAll)
     slog_set_level(nullptr, SLOG_INFO);
     slog_register_logger(&first, "lv_ap");
     slog_register_logger(&second, "lv_btm");
+    slog_register_logger(&first, "lv_ap");  // a module started again: still one entry
     EXPECT_EQ(first, SLOG_INFO);
 
     EXPECT_EQ(slog_set_level("lv_btm", SLOG_DEBUG), 0);

@@ -195,6 +195,8 @@ bool write_proc(const char *path, const std::string &text)
     return ok;
 }
 
+}  // namespace
+
 bool enter_namespaces(int flags)
 {
     uid_t uid = geteuid();
@@ -224,8 +226,6 @@ bool enter_namespaces(int flags)
     }
     return true;
 }
-
-}  // namespace
 
 int run_in_sandbox(int flags, const std::function<void()> &fn)
 {

@@ -100,6 +100,10 @@ enum sandbox_flags {
 };
 constexpr int SANDBOX_UNAVAILABLE = 77;
 
+// Moves this process into them (private mounts always); false when they
+// cannot be had.
+bool enter_namespaces(int flags);
+
 // Runs fn in a child with private mount namespace (and user namespace when
 // not root) and the given extras. The child's test failures are reported
 // there and make it exit 1; returns its exit status, SANDBOX_UNAVAILABLE, or

@@ -1,0 +1,196 @@
+#include "fuzz_util.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <fstream>
+#include <cstring>
+#include <string_view>
+
+#include "conf_store.h"
+#include "fake_cm.h"
+#include "fake_platform.h"
+#include "fake_uwb.h"
+#include "maps.h"
+#include "steer.h"
+#include "steer_ap.h"
+#include "steer_cmd.h"
+#include "steer_drv.h"
+#include "steer_ven.h"
+#include "test_util.h"
+
+std::map<std::string, std::string, std::less<>> g_fuzz_conf = {{"bandherd.ess", ""}};
+
+namespace {
+
+int s_devnull = -1;
+
+void note_restart(int) {}
+
+}  // namespace
+
+extern "C" int GetValue(const char *mib, char *value)
+{
+    auto it = g_fuzz_conf.find(std::string_view(mib));
+    if (it == g_fuzz_conf.end() || it->second.size() > CONF_VALUE_MAX)
+        return 0;
+    memcpy(value, it->second.c_str(), it->second.size() + 1);
+    return 1;
+}
+
+std::string fuzz_input::bytes(size_t n)
+{
+    size_t left = (size_t)(end_ - p_);
+    if (n > left)
+        n = left;
+    std::string out(reinterpret_cast<const char *>(p_), n);
+    p_ += n;
+    return out;
+}
+
+std::string fuzz_input::line(size_t max)
+{
+    std::string out;
+    while (!empty() && out.size() < max) {
+        char c = (char)*p_++;
+        if (c == '\n')
+            break;
+        out += c;
+    }
+    return out;
+}
+
+void fuzz_setup()
+{
+    if (!enter_namespaces(SANDBOX_NET | SANDBOX_VAR)) {
+        fprintf(stderr, "fuzz: no private namespaces here\n");
+        abort();
+    }
+    s_devnull = open("/dev/null", O_RDWR);
+    slog_set_path("/dev/null");
+    signal(SIGRTMIN + 1, note_restart);
+    fake_cm_io_enable();
+}
+
+fuzz_node::fuzz_node()
+{
+    // The driver channel and the node model's events, on a node without
+    // ESSes, as the daemon starts them before the other modules.
+    slog_set_print_time(false);  // the operator's "log -t" may have turned it on
+    fake_uwb_reset();
+    fake_platform_reset();
+    g_fake_uwb.vaps["wl0"].os_ifname = "lo";
+    g_fake_uwb.steer_maps = [](const std::string &, uint8_t *buf, size_t size) {
+        if (buf[MAPS_MAGIC_LEN] == MAPS_CMD_PING && size >= sizeof(maps_msg_head_t) + 4)
+            memcpy(buf + sizeof(maps_msg_head_t), "pong", 4);
+        return 0;
+    };
+    g_fake_nl.fd = dup(s_devnull);  // the driver channel closes it at its end
+    g_self = sap_node_t{};
+    sdrv_init();
+    nl_deliver(MAPS_EV_PONG, MAPS_API_VERSION, sizeof(MAPS_API_VERSION));
+    sap_init();
+
+    node_.emplace();
+    sven_init();  // the last module the daemon starts: other nodes' SAP_INFO
+    slog_set_level(nullptr, SLOG_DUMP);
+    const char *names[] = {"wl0", "wl1", "wl2"};
+    const int channels[] = {6, 36, 37};
+    for (int i = 0; i < 3; i++) {
+        fake_uwb_vap &vap = g_fake_uwb.vaps[names[i]];
+        vap.os_ifname = std::string("wlan") + std::to_string(i);
+        vap.channel = channels[i];
+        vap.ssid = i < 2 ? "herd" : "guest";
+    }
+    g_fake_uwb.link_rate = 300;
+}
+
+fuzz_node::~fuzz_node()
+{
+    sven_exit();
+    node_.reset();
+    sdrv_exit();
+    unlink("/var/run/steer.log");
+    // What the fakes recorded goes now: a run that ends with as many frees
+    // as allocations spares the fuzzer a leak check.
+    fake_uwb_reset();
+    fake_platform_reset();
+}
+
+const uint8_t *fuzz_sta(uint8_t n)
+{
+    static uint8_t macs[4][6];
+    n &= 3;
+    memcpy(macs[n], STA, 6);
+    macs[n][5] = (uint8_t)(STA[5] + n);
+    return macs[n];
+}
+
+const uint8_t *fuzz_bss(uint8_t n)
+{
+    static const uint8_t BSS_3[6] = {0x02, 0, 0, 0, 0, 0x03};
+    const uint8_t *all[] = {BSS_24, BSS_5, BSS_3, BSS_B, BSS_C};
+    return all[n % 5];
+}
+
+int fuzz_command(const std::string &line)
+{
+    static FILE *out = fopen("/dev/null", "w");
+    char buf[128] = {};
+    snprintf(buf, sizeof(buf), "%.126s", line.c_str());
+    return scmd_execute(out, buf);
+}
+
+void fuzz_act(fuzz_input &in)
+{
+    const uint8_t *sta = fuzz_sta(in.u8()), *bss = fuzz_bss(in.u8());
+    const char *how[] = {"", "-t ", "-j "};
+    char line[80];
+    snprintf(line, sizeof(line), "act %s" MAC_FMT " " MAC_FMT, how[in.u8() % 3], MAC_ARG(sta), MAC_ARG(bss));
+    fuzz_command(line);
+}
+
+void fuzz_station(fuzz_input &in)
+{
+    const uint8_t codes[] = {MAPS_EV_STA_JOIN, MAPS_EV_STA_LEAVE, MAPS_EV_STA_STATUS, MAPS_EV_STA_BAND};
+    const uint8_t *sta = fuzz_sta(in.u8());
+    uint8_t code = codes[in.u8() & 3], bss = in.u8() & 3;
+    int8_t rssi = (int8_t)in.u8();
+    uint8_t caps = in.u8() & 0x1f;
+    sta_event(code, sta, bss, rssi, caps, in.u8() % 101);
+}
+
+const std::vector<std::string> &fuzz_conf_keys()
+{
+    static const std::vector<std::string> keys = [] {
+        std::vector<std::string> out;
+        std::ifstream f(FUZZ_CONF_EXAMPLE);
+        std::string line;
+        while (std::getline(f, line)) {
+            size_t start = line.starts_with("#") ? 1 : 0;
+            size_t eq = line.find('=');
+            if (eq == std::string::npos || eq == start)
+                continue;
+            std::string key = line.substr(start, eq - start);
+            if (key.find_first_not_of("abcdefghijklmnopqrstuvwxyz0123456789_.") == std::string::npos)
+                out.push_back(key);
+        }
+        if (out.empty()) {
+            fprintf(stderr, "fuzz: no keys in %s\n", FUZZ_CONF_EXAMPLE);
+            abort();
+        }
+        return out;
+    }();
+    return keys;
+}
+
+int fuzz_conf_key(const std::string &key)
+{
+    const std::vector<std::string> &keys = fuzz_conf_keys();
+    for (size_t i = 0; i < keys.size(); i++)
+        if (keys[i] == key)
+            return (int)i;
+    fprintf(stderr, "fuzz: no key %s in %s\n", key.c_str(), FUZZ_CONF_EXAMPLE);
+    abort();
+}

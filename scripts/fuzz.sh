@@ -1,0 +1,55 @@
+#!/usr/bin/env bash
+# Builds the libFuzzer targets with clang (ASan + UBSan, in build-fuzz/) and
+# runs one target, or each in turn, for SECONDS with its seed corpus and the
+# corpus it grew before (build-fuzz/corpus/TARGET). Stops a target early after
+# RUNS executions when given. Prints per target its executions, executions
+# per second and coverage; a finding prints the fuzzer's report, leaves the
+# input in build-fuzz/artifacts/ and fails. BANDHERD_FUZZ_DIR names another
+# build directory.
+#
+#   scripts/fuzz.sh TARGET|all SECONDS [RUNS]      targets: drv mesh cmd conf
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+targets=(drv mesh cmd conf)
+if [ $# -lt 2 ] || { [ "$1" != all ] && [[ ! " ${targets[*]} " =~ " $1 " ]]; }; then
+  echo "usage: $0 {${targets[*]// /|}|all} SECONDS [RUNS]" >&2
+  exit 2
+fi
+[ "$1" = all ] || targets=("$1")
+seconds=$2
+runs=${3:--1}
+
+./scripts/setup.sh
+
+dir=${BANDHERD_FUZZ_DIR:-build-fuzz}
+CC=clang CXX=clang++ cmake -S . -B "$dir" -G Ninja -DBANDHERD_FUZZ=ON -DBANDHERD_WERROR=ON \
+  -DBANDHERD_BENCH=OFF -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake --build "$dir" -j "$(nproc)" --target fuzz_seeds "${targets[@]/#/fuzz_}"
+rm -rf "$dir/seeds"
+"$dir/fuzz/fuzz_seeds" "$dir/seeds"
+mkdir -p "$dir/artifacts"
+
+export ASAN_OPTIONS=detect_leaks=1
+export LSAN_OPTIONS=suppressions=$PWD/tests/unit/lsan.supp
+export UBSAN_OPTIONS=print_stacktrace=1
+export ASAN_SYMBOLIZER_PATH=/usr/lib/llvm-14/bin/llvm-symbolizer
+
+for t in "${targets[@]}"; do
+  mkdir -p "$dir/corpus/$t"
+  log=$dir/fuzz-$t.log
+  # The mesh daemon's chunks and the configuration values are the longest inputs.
+  if "$dir/fuzz/fuzz_$t" -max_total_time="$seconds" -runs="$runs" -max_len=4096 -timeout=10 \
+      -rss_limit_mb=2048 -print_final_stats=1 -artifact_prefix="$dir/artifacts/$t-" \
+      "$dir/corpus/$t" "$dir/seeds/$t" >"$log" 2>&1; then
+    execs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log")
+    rate=$(sed -n 's/^stat::average_exec_per_sec: *//p' "$log")
+    cov=$(grep -o 'cov: [0-9]* ft: [0-9]*' "$log" | tail -1)
+    rss=$(sed -n 's/^stat::peak_rss_mb: *//p' "$log")
+    echo "fuzz_$t: $execs execs, $rate exec/s, $cov, peak rss ${rss} MB"
+  else
+    grep -v NEW_FUNC "$log" | tail -60
+    echo "fuzz_$t: FINDING (input in $dir/artifacts/, log $log)" >&2
+    exit 1
+  fi
+done
