@@ -15,12 +15,6 @@
 #include "fuzz_util.h"
 #include "steer_drv.h"
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***)
-{
-    fuzz_setup();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     fuzz_input in(data, size);

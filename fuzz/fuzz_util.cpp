@@ -194,3 +194,10 @@ int fuzz_conf_key(const std::string &key)
     fprintf(stderr, "fuzz: no key %s in %s\n", key.c_str(), FUZZ_CONF_EXAMPLE);
     abort();
 }
+
+// Every target starts from the same sandboxed process.
+extern "C" int LLVMFuzzerInitialize(int *, char ***)
+{
+    fuzz_setup();
+    return 0;
+}
