@@ -341,10 +341,10 @@ def callgrind_costs(text, names):
     inclusive = {n: 0 for n in names}
     positions = 1
 
-    def name_of(spec):
-        m = re.match(r"\((\d+)\)(?: (.*))?$", spec)
+    def name_of(field):
+        m = re.match(r"\((\d+)\)(?: (.*))?$", field)
         if not m:
-            return spec
+            return field
         if m.group(2) is not None:
             ids[m.group(1)] = m.group(2)
         return ids.get(m.group(1), "")
