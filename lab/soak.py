@@ -5,12 +5,24 @@ walking from node to node (so that the daemons steer them) for a chosen time.
 
 It reads each daemon's private memory (Private_Dirty), its open descriptors and
 its steering (the steering summary: steers it attempted and those that
-succeeded) once the mesh has formed and every station has joined, and again
-at the end, prints one table, and fails (status 1) when a daemon died, its
-memory grew by more than the tolerance, its descriptors by more than
-`FD_TOLERANCE`, or no steer succeeded at all (the churn did not exercise
-steering). The stations' moves come from a seeded random generator: a run
-with the same options does the same things at the same times.
+succeeded) after a warm-up of churn, and again at the end, prints one table,
+and fails (status 1) when a daemon died, its memory grew by more than the
+tolerance, its descriptors by more than `FD_TOLERANCE`, or no steer succeeded
+at all (the churn did not exercise steering). The stations' moves come from a
+seeded random generator: a run with the same options does the same things at
+the same times.
+
+Why a warm-up: a daemon that has only seen stations join holds none of what
+steering leaves behind by design, and takes a while to hold it all. Every
+successful steer keeps a seesaw session with its 5-second timer for
+`seesaw_interval` (300 s); a failed steer or a roam-back leaves a prohibition
+record per station and target that keeps its level for good; a station with
+either stays in the table after it leaves. So the memory of a daemon climbs
+for the first minutes of steering and then levels off (bounded by the
+stations and targets there are), while a leak goes on growing at the pace of
+the work. The warm-up (`WARMUP`, at most a third of the run) lets every kind
+of steering happen and the sessions reach their steady number before the
+start figures are read.
 """
 
 import random
@@ -40,6 +52,7 @@ FD_TOLERANCE = 2
 WARM_VAP = "wlan1"              # the BSS of each node every station visits before the start
 MESH_WAIT = 60.0                # seconds for every daemon to know both others
 JOIN_WAIT = 60.0                # seconds for every station to be associated at the start
+WARMUP = 10.0                   # minutes of churn before the start figures (at most a third of the run)
 
 
 class Churn:
@@ -192,9 +205,18 @@ def table(start, end, middle=None):
     return lines
 
 
-def soak(minutes, lab_dir, seed=1, out=print, mem_kib=MEM_TOLERANCE_KIB, mem_pct=MEM_TOLERANCE_PCT, walk=WALK):
+def warmup_minutes(minutes, warmup=None):
+    """The minutes of a run of `minutes` before its start figures: `warmup`, or by default
+    `WARMUP`, at most a third of the run."""
+    return min(WARMUP, minutes / 3) if warmup is None else min(warmup, minutes)
+
+
+def soak(minutes, lab_dir, seed=1, out=print, mem_kib=MEM_TOLERANCE_KIB, mem_pct=MEM_TOLERANCE_PCT, walk=WALK,
+         warmup=None):
     """Runs a soak of `minutes` of churn in a fresh lab in `lab_dir`; returns (start, end, problems).
-    `walk`: the shortest and longest walk from one node to another, in seconds."""
+    `walk`: the shortest and longest walk from one node to another, in seconds; `warmup`: the
+    minutes of churn before the start figures (see `warmup_minutes`)."""
+    warmup = warmup_minutes(minutes, warmup)
     started = time.monotonic()
     lab = Lab(daemon_binary())
     churn = None
@@ -227,22 +249,30 @@ def soak(minutes, lab_dir, seed=1, out=print, mem_kib=MEM_TOLERANCE_KIB, mem_pct
             lab.wait_for(lambda: all(lab.world.where(m) for m in macs), JOIN_WAIT, 0.5)
         except TimeoutError:
             raise LabError(f"not every station could join in {JOIN_WAIT:g} s") from None
-        start = sample(lab)
         out(f"soak: every station joined after {time.monotonic() - started:.0f} s; "
-            f"{minutes:g} min of churn from now")
+            f"{minutes:g} min of churn from now, the first {warmup:g} of them to warm up")
         churn.start()
         begin = time.monotonic()
         deadline = begin + minutes * 60
-        middle = None
-        while time.monotonic() < deadline:
-            time.sleep(min(1.0, max(0.0, deadline - time.monotonic())))
-            if any(lab.daemon(n).returncode is not None for n in names):
-                out("soak: a daemon ended; stopping early")
-                break
-            if middle is None and time.monotonic() >= begin + minutes * 30:
+
+        def churn_until(until):
+            while time.monotonic() < until:
+                time.sleep(min(1.0, max(0.0, until - time.monotonic())))
+                if any(lab.daemon(n).returncode is not None for n in names):
+                    out("soak: a daemon ended; stopping early")
+                    return False
+            return True
+        start = middle = None
+        if churn_until(begin + warmup * 60):
+            start = sample(lab)
+            measured = time.monotonic()
+            if churn_until(measured + (deadline - measured) / 2):
                 middle = {n: row.get("kib") for n, row in sample(lab).items()}
+                churn_until(deadline)
         churn.stop()
         end = sample(lab)
+        if start is None:       # a daemon died during the warm-up: that is the problem to tell
+            start = {n: {**row, "kib": row.get("kib", 0), "fds": row.get("fds", 0)} for n, row in end.items()}
         out(f"soak: {minutes:g} min of churn by {STATIONS} stations: {churn.done['joins']} joins, "
             f"{churn.done['leaves']} leaves, {churn.done['walks']} walks to another node")
         for line in table(start, end, middle):
@@ -265,6 +295,8 @@ def soak(minutes, lab_dir, seed=1, out=print, mem_kib=MEM_TOLERANCE_KIB, mem_pct
            arg("--minutes", type=number(0, 24 * 60, kind=float), default=10.0,
                help="how long the stations churn (default 10)"),
            arg("--seed", type=int, default=1, help="the seed of the stations' moves (default 1)"),
+           arg("--warmup", type=number(0, 24 * 60, kind=float), default=None,
+               help=f"minutes of churn before the start figures (default {WARMUP:g}, at most a third of the run)"),
            arg("--mem-kib", type=number(0, 1 << 20), default=MEM_TOLERANCE_KIB,
                help=f"private memory a daemon may gain, KiB (default {MEM_TOLERANCE_KIB}) ..."),
            arg("--mem-pct", type=number(0, 1000, kind=float), default=MEM_TOLERANCE_PCT,
@@ -279,7 +311,7 @@ def cmd_soak(args):
     problems = ["it did not finish"]
     try:
         _, _, problems = soak(args.minutes, lab_dir, args.seed, lambda line: print(line, flush=True),
-                              args.mem_kib, args.mem_pct)
+                              args.mem_kib, args.mem_pct, warmup=args.warmup)
     finally:
         if problems:
             print(f"soak: the lab's records and logs stay in {lab_dir}", flush=True)
