@@ -1,5 +1,6 @@
 """A short soak: the three-node mesh with 256 stations churning. The daemons must all live to the
-end, steer, and hold no more memory or descriptors than when it began (lab/soak.py)."""
+end, steer, and hold no more memory or descriptors at the end than after the first third of the
+churn, the warm-up (lab/soak.py)."""
 
 from lab import soak
 
