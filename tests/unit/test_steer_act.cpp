@@ -49,15 +49,6 @@ TEST(Sact, RejectedBtmFallsBackToBackoffUnlessTheSignalMoved)
     }
 }
 
-TEST(Sact, StationsWithoutBtmAreMovedByBackoff)
-{
-    steer_node node;
-    ssta_status_t *sta = steerable(-60, MAPS_CAP_HT);
-    ASSERT_EQ(sact_steer(sta, sap_get_bss(2), &g_self, on_result), 0);
-    EXPECT_TRUE(fake_uwb_calls("bss_trans_req").empty());
-    EXPECT_EQ(fake_uwb_calls("kick_sta").size(), 1u);
-}
-
 TEST(Sact, RoamingBackWithinTheWindowForbidsTheTarget)
 {
     steer_node node;

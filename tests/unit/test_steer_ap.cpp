@@ -2,7 +2,6 @@
 // test's own, a fake Wi-Fi library and a recording driver.
 #include <gtest/gtest.h>
 
-#include <csignal>
 #include <set>
 #include <sstream>
 
@@ -196,16 +195,6 @@ void radio_status_events()
     EXPECT_EQ(log.plain(), "error sap_radio_handler, invalid message length 7, should be 8\n"
                            "error sap_radio_handler, invalid radio index 0\n"
                            "error sap_radio_handler, invalid radio index 4\n");
-
-    // A changed VAP set asks for a restart.
-    EXPECT_EXIT(
-        {
-            log_to_stderr();
-            nl_deliver(MAPS_EV_VAP_UPDATE, nullptr, 0);
-        },
-        testing::KilledBySignal(SIGRTMIN + 1),
-        "warning sap_vap_update_handler:[0-9]+, wireless configs may be changed. bandherd will exit. monitor should "
-        "restart it.\n");
 }
 
 TEST(SapRadio, StatusEventsAreCheckedThenApplied)
