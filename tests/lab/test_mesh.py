@@ -166,6 +166,9 @@ def test_heartbeats_describe_each_node_as_its_topology_and_driver_define_it(mesh
         body = beat["body"]
         # The radio slots and BSS indices are the ones the daemon gave its driver at start.
         told = lab.driver(node.name).state()
+        # Every own BSS is in every own BSS's neighbour report.
+        own = {vap.bssid for vap in node.vaps}
+        assert all(own <= set(told["rrm_neighbors"].get(vap.ifname, {})) for vap in node.vaps), told
         slot = {ifname: index for index, ifnames in told["radios"].items() for ifname in ifnames}
         radios = []
         for index in sorted(told["radios"]):
