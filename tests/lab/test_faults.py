@@ -24,9 +24,9 @@ from lab.controller import Lab
 from lab.relay import ENVELOPE_SIZE, MESSAGE_TYPES, TRANSPORT_HEADER
 from lab.sandbox import REPO
 from lab.topology import BROADCAST
-from standins import weft_send
 from lab.wire import (BEACON_REP_SIZE, DAEMON_PORT, EV, HEADER_SIZE, MAGIC, NLMSG_HEADER, mac_bytes,
                       radio_payload, sta_payload)
+from standins import weft_send
 
 TOPOLOGY = REPO / "lab" / "topologies" / "three-node.json"
 NODES = ("A", "B", "C")
@@ -266,7 +266,11 @@ def mesh(bandherd):
         for name in NODES:
             lab.cli(name, "ap")
             # What it holds for good: the fewest of a few looks (a mesh message, a Wi-Fi call come and go).
-            m.fds[name] = min(fd_count(m.pid(name)) for _ in range(10) if time.sleep(0.02) is None)
+            looks = []
+            for _ in range(10):
+                looks.append(fd_count(m.pid(name)))
+                time.sleep(0.02)
+            m.fds[name] = min(looks)
         yield m
     finally:
         lab.down()
