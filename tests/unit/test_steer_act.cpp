@@ -70,6 +70,11 @@ TEST(Sact, RoamingBackWithinTheWindowForbidsTheTarget)
     tick(200);  // past the BTM and Backoff protections
     ASSERT_EQ(sact_steer(sta, bss5, &g_self, on_result), 0);
     join(STA, 2, -55);
+    {
+        log_capture log;
+        join(STA, 2, -50);  // associating again where it was steered to is no roaming back
+        EXPECT_EQ(log.text().find("roams back"), std::string::npos) << log.text();
+    }
     EXPECT_EQ(act->sessions.size(), 1u);
     tick(300);
     EXPECT_TRUE(act->sessions.empty());
