@@ -5,7 +5,11 @@
 
 #include <cstdarg>
 #include <cstddef>
+#include <cstdint>
 #include <cstdio>
+#include <iterator>
+
+#include "steer_log_pairs.h"
 
 enum {
     SLOG_SILENCE = 0,
@@ -22,6 +26,118 @@ enum {
 extern int g_logger;
 
 void slog_log(int level, const char *fmt, ...) __attribute__((format(printf, 2, 3)));
+
+// ---------------------------------------------------------------------------
+// Packed texts. The log formats and assertion texts of the call sites are
+// stored packed, in about half their bytes: a byte 0x80 + i stands for the
+// two bytes slog_pairs[i], which may stand for pairs again; a byte below 0x80
+// is itself. A call site packs its text at compile time (slog_pack), the log
+// unpacks it when it writes the line (slog_unpack).
+constexpr unsigned SLOG_PAIR_FIRST = 0x80;
+// The longest text, unpacked, with its NUL.
+constexpr size_t SLOG_TEXT_MAX = 256;
+
+// A text that packs: ASCII and shorter than SLOG_TEXT_MAX.
+constexpr bool slog_text_fits(const char *text)
+{
+    size_t n = 0;
+    for (; text[n] != '\0'; n++) {
+        if (static_cast<unsigned char>(text[n]) >= SLOG_PAIR_FIRST)
+            return false;
+    }
+    return n < SLOG_TEXT_MAX;
+}
+
+// Packs `text` (slog_text_fits) into `out`; returns the packed length. Each
+// pair in turn replaces its occurrences from left to right.
+constexpr size_t slog_pack_into(const char *text, unsigned char *out)
+{
+    size_t n = 0;
+    for (; text[n] != '\0'; n++)
+        out[n] = static_cast<unsigned char>(text[n]);
+    for (size_t p = 0; p < std::size(slog_pairs); p++) {
+        size_t j = 0;
+        for (size_t i = 0; i < n; j++) {
+            if (i + 1 < n && out[i] == slog_pairs[p][0] && out[i + 1] == slog_pairs[p][1]) {
+                out[j] = static_cast<unsigned char>(SLOG_PAIR_FIRST + p);
+                i += 2;
+            } else {
+                out[j] = out[i++];
+            }
+        }
+        n = j;
+    }
+    return n;
+}
+
+template <size_t N>
+struct slog_packed {
+    char text[N];
+};
+
+// The bytes `text` packs into, with the NUL.
+constexpr size_t slog_packed_size(const char *text)
+{
+    unsigned char buf[SLOG_TEXT_MAX] = {};
+    return slog_pack_into(text, buf) + 1;
+}
+
+template <size_t N>
+constexpr slog_packed<N> slog_pack(const char *text)
+{
+    unsigned char buf[SLOG_TEXT_MAX] = {};
+    slog_pack_into(text, buf);
+    slog_packed<N> p = {};
+    for (size_t i = 0; i + 1 < N; i++)
+        p.text[i] = static_cast<char>(buf[i]);
+    return p;
+}
+
+// Writes what the packed byte `c` stands for at `out`; returns its end.
+constexpr char *slog_unpack_byte(unsigned char c, char *out)
+{
+    while (c >= SLOG_PAIR_FIRST) {
+        out = slog_unpack_byte(slog_pairs[c - SLOG_PAIR_FIRST][0], out);
+        c = slog_pairs[c - SLOG_PAIR_FIRST][1];
+    }
+    *out = static_cast<char>(c);
+    return out + 1;
+}
+
+// Unpacks the packed text `packed` into `out` (SLOG_TEXT_MAX bytes), with a NUL.
+constexpr void slog_unpack(const char *packed, char *out)
+{
+    for (; *packed != '\0'; packed++)
+        out = slog_unpack_byte(static_cast<unsigned char>(*packed), out);
+    *out = '\0';
+}
+
+// A log call site: where it is, its level, and its format after the
+// "%s:%d, " prefix packed right behind this record (slog_site_text).
+struct slog_site_t {
+    const char *func;
+    uint16_t line;
+    uint8_t level;
+};
+
+template <size_t N>
+struct slog_site_text {
+    slog_site_t site;
+    slog_packed<N> fmt;
+};
+
+template <size_t N>
+constexpr slog_site_text<N> slog_make_site(const char *func, unsigned line, int level, const char *fmt)
+{
+    return {{func, static_cast<uint16_t>(line), static_cast<uint8_t>(level)}, slog_pack<N>(fmt)};
+}
+
+// Logs the line of `site` (the function and line, then its format with the
+// arguments), as slog_log would log the whole format.
+void slog_site_log(const slog_site_t *site, ...);
+// Never called: a call in an unevaluated operand makes the compiler check a
+// call site's arguments against its format.
+int slog_format_check(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
 // Lists `plogger` under `name`, at the global level; registering it again
 // keeps its one entry.
 void slog_register_logger(int *plogger, const char *name);
@@ -33,7 +149,7 @@ int slog_set_path(const char *path);
 int slog_file(const char *file, const char *fmt, va_list ap) __attribute__((format(printf, 2, 0)));
 const char *slog_get_level_name(int level);
 // Logs "'<expr>' is not satisfied" at ERROR (when `level` lets errors through)
-// under `func` and `line`; returns true.
+// under `func` and `line`; `expr` is packed. Returns true.
 bool slog_refuse(int level, const char *func, int line, const char *expr);
 
 #endif
