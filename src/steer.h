@@ -62,19 +62,17 @@ constexpr bool slog_fmt_has_prefix(const char *fmt)
 }
 
 // The call site's record (slog_site_t) and the call. The compiler checks the
-// arguments against the whole format; the record keeps the function, the line,
-// the level and the rest of the format, packed, so the call passes one pointer
-// for them.
-#define SLOG_CALL(level, fmt, ...)                                                                       \
-    do {                                                                                                 \
-        static_assert(slog_fmt_has_prefix(fmt), "log formats begin with %s:%d, ");                      \
-        static_assert(slog_text_fits(fmt), "log formats are ASCII and shorter than SLOG_TEXT_MAX");       \
-        static_assert(__LINE__ <= UINT16_MAX, "a log call's line fits its record");                     \
-        (void)sizeof(slog_format_check(fmt, __func__, __LINE__, ##__VA_ARGS__));                        \
-        static constexpr auto slog_site_ =                                                              \
-            slog_make_site<slog_packed_size(fmt + SLOG_PREFIX_LEN)>(__func__, __LINE__, (level),        \
-                                                                     fmt + SLOG_PREFIX_LEN);            \
-        slog_site_log(&slog_site_.site, ##__VA_ARGS__);                                                  \
+// arguments against the whole format; the record keeps the level, the line
+// and the rest of the format, packed.
+#define SLOG_CALL(level, fmt, ...)                                                                   \
+    do {                                                                                             \
+        static_assert(slog_fmt_has_prefix(fmt), "log formats begin with %s:%d, ");                  \
+        static_assert(slog_text_fits(fmt), "log formats are ASCII and shorter than SLOG_TEXT_MAX");   \
+        static_assert(__LINE__ <= UINT16_MAX, "a log call's line fits its record");                 \
+        (void)sizeof(slog_format_check(fmt, __func__, __LINE__, ##__VA_ARGS__));                    \
+        static constexpr auto slog_site_ =                                                          \
+            slog_make_site<slog_packed_size(fmt + SLOG_PREFIX_LEN)>((level), __LINE__, fmt + SLOG_PREFIX_LEN); \
+        slog_site_log(__func__, &slog_site_.site, ##__VA_ARGS__);                                    \
     } while (0)
 
 // The guarded call site: the level test is one comparison, made before any

@@ -175,14 +175,14 @@ void slog_log(int level, const char *fmt, ...)
     va_end(ap);
 }
 
-void slog_site_log(const slog_site_t *site, ...)
+void slog_site_log(const char *func, const slog_site_t *site, ...)
 {
     SASSERT(site);
     char fmt[SLOG_TEXT_MAX];
     slog_unpack(reinterpret_cast<const char *>(site + 1), fmt);
     va_list ap;
     va_start(ap, site);
-    slog_vlog(site->level, site->func, site->line, fmt, ap);
+    slog_vlog(site->level, func, site->line[0] | site->line[1] << 8, fmt, ap);
     va_end(ap);
 }
 

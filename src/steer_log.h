@@ -112,12 +112,13 @@ constexpr void slog_unpack(const char *packed, char *out)
     *out = '\0';
 }
 
-// A log call site: where it is, its level, and its format after the
-// "%s:%d, " prefix packed right behind this record (slog_site_text).
+// A log call site's record: its level, its line (little-endian, two bytes:
+// the record is bytes alone) and its format after the "%s:%d, " prefix,
+// packed right behind it (slog_site_text). The function's name is passed
+// with it: one name serves every call site of a function.
 struct slog_site_t {
-    const char *func;
-    uint16_t line;
     uint8_t level;
+    uint8_t line[2];
 };
 
 template <size_t N>
@@ -127,14 +128,15 @@ struct slog_site_text {
 };
 
 template <size_t N>
-constexpr slog_site_text<N> slog_make_site(const char *func, unsigned line, int level, const char *fmt)
+constexpr slog_site_text<N> slog_make_site(int level, unsigned line, const char *fmt)
 {
-    return {{func, static_cast<uint16_t>(line), static_cast<uint8_t>(level)}, slog_pack<N>(fmt)};
+    return {{static_cast<uint8_t>(level), {static_cast<uint8_t>(line), static_cast<uint8_t>(line >> 8)}},
+            slog_pack<N>(fmt)};
 }
 
-// Logs the line of `site` (the function and line, then its format with the
-// arguments), as slog_log would log the whole format.
-void slog_site_log(const slog_site_t *site, ...);
+// Logs the line of `site` in `func` (the function and line, then the format
+// with the arguments), as slog_log would log the whole format.
+void slog_site_log(const char *func, const slog_site_t *site, ...);
 // Never called: a call in an unevaluated operand makes the compiler check a
 // call site's arguments against its format.
 int slog_format_check(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
