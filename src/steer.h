@@ -83,6 +83,11 @@ constexpr bool slog_fmt_has_prefix(const char *fmt)
             SLOG_CALL((level), fmt, ##__VA_ARGS__);   \
     } while (0)
 
+// fprintf to `f` with a literal format, which is stored packed: the output
+// of the operator's commands.
+#define SPRINTF(f, fmt, ...)                                                                          \
+    ((void)sizeof(slog_format_check(fmt, ##__VA_ARGS__)), slog_fprintf((f), SLOG_PACKED(fmt), ##__VA_ARGS__))
+
 #define LOG_FATAL(fmt, ...) SLOG(SLOG_FATAL, fmt, ##__VA_ARGS__)
 #define LOG_ERROR(fmt, ...) SLOG(SLOG_ERROR, fmt, ##__VA_ARGS__)
 #define LOG_WARN(fmt, ...) SLOG(SLOG_WARNING, fmt, ##__VA_ARGS__)

@@ -186,6 +186,17 @@ void slog_site_log(const char *func, const slog_site_t *site, ...)
     va_end(ap);
 }
 
+int slog_fprintf(FILE *f, const char *packed_fmt, ...)
+{
+    char fmt[SLOG_TEXT_MAX];
+    slog_unpack(packed_fmt, fmt);
+    va_list ap;
+    va_start(ap, packed_fmt);
+    int n = vfprintf(f, fmt, ap);
+    va_end(ap);
+    return n;
+}
+
 bool slog_refuse(int level, const char *func, int line, const char *expr)
 {
     if (level >= SLOG_ERROR) {

@@ -35,7 +35,7 @@ void slog_log(int level, const char *fmt, ...) __attribute__((format(printf, 2, 
 // unpacks it when it writes the line (slog_unpack).
 constexpr unsigned SLOG_PAIR_FIRST = 0x80;
 // The longest text, unpacked, with its NUL.
-constexpr size_t SLOG_TEXT_MAX = 256;
+constexpr size_t SLOG_TEXT_MAX = 1024;
 
 // A text that packs: ASCII and shorter than SLOG_TEXT_MAX.
 constexpr bool slog_text_fits(const char *text)
@@ -137,6 +137,8 @@ constexpr slog_site_text<N> slog_make_site(int level, unsigned line, const char 
 // Logs the line of `site` in `func` (the function and line, then the format
 // with the arguments), as slog_log would log the whole format.
 void slog_site_log(const char *func, const slog_site_t *site, ...);
+// fprintf with a packed format (SPRINTF).
+int slog_fprintf(FILE *f, const char *packed_fmt, ...);
 // Never called: a call in an unevaluated operand makes the compiler check a
 // call site's arguments against its format.
 int slog_format_check(const char *fmt, ...) __attribute__((format(printf, 1, 2)));

@@ -3,7 +3,8 @@
 log formats and assertion texts (steer_log.h, "packed texts").
 
 The texts are gathered from the daemon's sources (the format of every LOG_*
-call after its "%s:%d, " prefix, the expression of every SASSERT and SREFUSE)
+call after its "%s:%d, " prefix, the expression of every SASSERT and SREFUSE,
+the format of every SPRINTF)
 and the 128 pairs are chosen greedily: the most frequent pair of symbols in
 all texts becomes the next code, and its occurrences are replaced. Any table
 packs and unpacks every text correctly; this one packs the daemon's texts
@@ -26,7 +27,7 @@ PREFIX = '%s:%d, '
 # String macros that appear inside the texts.
 MACROS = {'MAC_FMT': '%s'}
 
-CALL = re.compile(r'\b(LOG_(?:FATAL|ERROR|WARN|INFO|DEBUG|DUMP|STEER)|SASSERT|SREFUSE)\s*\(')
+CALL = re.compile(r'\b(LOG_(?:FATAL|ERROR|WARN|INFO|DEBUG|DUMP|STEER)|SASSERT|SREFUSE|SPRINTF)\s*\(')
 STRING = re.compile(r'"((?:[^"\\]|\\.)*)"')
 ESCAPES = {'n': '\n', 't': '\t', '\\': '\\', '"': '"', "'": "'", '0': '\0'}
 
@@ -54,8 +55,8 @@ def unescape(body):
     return ''.join(out)
 
 
-def call_argument(src, start):
-    """The first argument of the call whose '(' ends at `start`."""
+def call_argument(src, start, skip=0):
+    """The first argument (after `skip` others) of the call whose '(' ends at `start`."""
     depth, i = 0, start
     while i < len(src):
         c = src[i]
@@ -70,7 +71,10 @@ def call_argument(src, start):
                 return src[start:i]
             depth -= 1
         elif c == ',' and depth == 0:
-            return src[start:i]
+            if skip == 0:
+                return src[start:i]
+            skip -= 1
+            start = i + 1
         i += 1
     return src[start:]
 
@@ -80,7 +84,7 @@ def texts():
     for path in sorted((ROOT / 'src').glob('*.cpp')):
         src = path.read_text()
         for m in CALL.finditer(src):
-            arg = call_argument(src, m.end()).strip()
+            arg = call_argument(src, m.end(), 1 if m.group(1) == 'SPRINTF' else 0).strip()
             if m.group(1) in ('SASSERT', 'SREFUSE'):
                 # The expression as the preprocessor spells it: one space
                 # between tokens where the source had white space.
@@ -94,7 +98,9 @@ def texts():
                 elif t in MACROS:
                     parts.append(MACROS[t])
             text = ''.join(parts)
-            if text.startswith(PREFIX):
+            if m.group(1) == 'SPRINTF':
+                found.append(text)
+            elif text.startswith(PREFIX):
                 found.append(text[len(PREFIX):])
     return found
 
