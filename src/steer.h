@@ -30,7 +30,7 @@
 // The string literal `lit` packed (steer_log.h), as a pointer to constant storage.
 #define SLOG_PACKED(lit)                                                                   \
     ([] {                                                                                  \
-        static_assert(slog_text_fits(lit), "texts are ASCII and shorter than SLOG_TEXT_MAX"); \
+        static_assert(slog_text_fits(lit), "texts pack: no code bytes, shorter than SLOG_TEXT_MAX");   \
         static constexpr auto packed = slog_pack<slog_packed_size(lit)>(lit);              \
         return packed.text;                                                                \
     }())
@@ -67,7 +67,7 @@ constexpr bool slog_fmt_has_prefix(const char *fmt)
 #define SLOG_CALL(level, fmt, ...)                                                                   \
     do {                                                                                             \
         static_assert(slog_fmt_has_prefix(fmt), "log formats begin with %s:%d, ");                  \
-        static_assert(slog_text_fits(fmt), "log formats are ASCII and shorter than SLOG_TEXT_MAX");   \
+        static_assert(slog_text_fits(fmt), "log formats pack: no code bytes, shorter than SLOG_TEXT_MAX");   \
         static_assert(__LINE__ <= UINT16_MAX, "a log call's line fits its record");                 \
         (void)sizeof(slog_format_check(fmt, __func__, __LINE__, ##__VA_ARGS__));                    \
         static constexpr auto slog_site_ =                                                          \

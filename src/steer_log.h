@@ -28,21 +28,44 @@ extern int g_logger;
 void slog_log(int level, const char *fmt, ...) __attribute__((format(printf, 2, 3)));
 
 // ---------------------------------------------------------------------------
-// Packed texts. The log formats and assertion texts of the call sites are
-// stored packed, in about half their bytes: a byte 0x80 + i stands for the
-// two bytes slog_pairs[i], which may stand for pairs again; a byte below 0x80
-// is itself. A call site packs its text at compile time (slog_pack), the log
-// unpacks it when it writes the line (slog_unpack).
-constexpr unsigned SLOG_PAIR_FIRST = 0x80;
+// Packed texts. The log formats, assertion texts and command output formats
+// of the call sites are stored packed, in about half their bytes: a code
+// byte stands for the two bytes of its pair in slog_pairs (which may be codes
+// again), any other byte is itself. The codes are 0x80 to 0xff for pairs 0 to
+// 127, then the control bytes but tab, newline and escape, which no text
+// holds, for the pairs from 128 on. A call site packs its text at compile
+// time (slog_pack), the log unpacks it when it writes the line (slog_unpack).
+//
 // The longest text, unpacked, with its NUL.
 constexpr size_t SLOG_TEXT_MAX = 1024;
 
-// A text that packs: ASCII and shorter than SLOG_TEXT_MAX.
+// The pair the byte `c` stands for, or -1 when it is itself.
+constexpr int slog_pair_index(unsigned char c)
+{
+    if (c >= 0x80)
+        return c - 0x80;
+    if (c == '\0' || c >= 0x20 || c == '\t' || c == '\n' || c == '\033')
+        return -1;
+    return 0x80 + c - 1 - (c > '\t') - (c > '\n') - (c > '\033');
+}
+
+// The code byte of pair `index`.
+constexpr unsigned char slog_pair_code(size_t index)
+{
+    unsigned c = 0x80 + static_cast<unsigned>(index);
+    if (index >= 0x80) {
+        for (c = 1; slog_pair_index(static_cast<unsigned char>(c)) != static_cast<int>(index); c++) {
+        }
+    }
+    return static_cast<unsigned char>(c);
+}
+
+// A text that packs: no code bytes, shorter than SLOG_TEXT_MAX.
 constexpr bool slog_text_fits(const char *text)
 {
     size_t n = 0;
     for (; text[n] != '\0'; n++) {
-        if (static_cast<unsigned char>(text[n]) >= SLOG_PAIR_FIRST)
+        if (slog_pair_index(static_cast<unsigned char>(text[n])) >= 0)
             return false;
     }
     return n < SLOG_TEXT_MAX;
@@ -56,10 +79,11 @@ constexpr size_t slog_pack_into(const char *text, unsigned char *out)
     for (; text[n] != '\0'; n++)
         out[n] = static_cast<unsigned char>(text[n]);
     for (size_t p = 0; p < std::size(slog_pairs); p++) {
+        unsigned char code = slog_pair_code(p);
         size_t j = 0;
         for (size_t i = 0; i < n; j++) {
             if (i + 1 < n && out[i] == slog_pairs[p][0] && out[i + 1] == slog_pairs[p][1]) {
-                out[j] = static_cast<unsigned char>(SLOG_PAIR_FIRST + p);
+                out[j] = code;
                 i += 2;
             } else {
                 out[j] = out[i++];
@@ -96,10 +120,8 @@ constexpr slog_packed<N> slog_pack(const char *text)
 // Writes what the packed byte `c` stands for at `out`; returns its end.
 constexpr char *slog_unpack_byte(unsigned char c, char *out)
 {
-    while (c >= SLOG_PAIR_FIRST) {
-        out = slog_unpack_byte(slog_pairs[c - SLOG_PAIR_FIRST][0], out);
-        c = slog_pairs[c - SLOG_PAIR_FIRST][1];
-    }
+    for (int i; (i = slog_pair_index(c)) >= 0; c = slog_pairs[i][1])
+        out = slog_unpack_byte(slog_pairs[i][0], out);
     *out = static_cast<char>(c);
     return out + 1;
 }

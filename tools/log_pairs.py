@@ -5,7 +5,7 @@ log formats and assertion texts (steer_log.h, "packed texts").
 The texts are gathered from the daemon's sources (the format of every LOG_*
 call after its "%s:%d, " prefix, the expression of every SASSERT and SREFUSE,
 the format of every SPRINTF)
-and the 128 pairs are chosen greedily: the most frequent pair of symbols in
+and the pairs (one per code byte) are chosen greedily: the most frequent pair of symbols in
 all texts becomes the next code, and its occurrences are replaced. Any table
 packs and unpacks every text correctly; this one packs the daemon's texts
 smallest. Run it again when many texts have changed:
@@ -20,8 +20,9 @@ import sys
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 OUT = ROOT / 'src' / 'steer_log_pairs.h'
-FIRST_CODE = 0x80
-CODES = 128
+# The code bytes, in the order of the pairs (steer_log.h): 0x80 to 0xff, then
+# the control bytes but tab, newline and escape.
+CODE_BYTES = list(range(0x80, 0x100)) + [c for c in range(1, 0x20) if c not in (0x09, 0x0a, 0x1b)]
 PREFIX = '%s:%d, '
 
 # String macros that appear inside the texts.
@@ -107,7 +108,7 @@ def texts():
 
 def choose_pairs(data):
     pairs = []
-    while len(pairs) < CODES:
+    while len(pairs) < len(CODE_BYTES):
         count = collections.Counter()
         for d in data:
             count.update(zip(d, d[1:]))
@@ -116,7 +117,7 @@ def choose_pairs(data):
         pair, n = count.most_common(1)[0]
         if n < 2:
             break
-        code = FIRST_CODE + len(pairs)
+        code = 0x100 + len(pairs)  # a symbol of its own until written out
         pairs.append(pair)
         new = []
         for d in data:
@@ -142,13 +143,16 @@ def main():
     print(f'{len(all_texts)} texts, {before} bytes, packed {after} bytes + {2 * len(pairs)} of pairs')
     if '--stats' in sys.argv:
         return
+    def byte(sym):
+        return sym if sym < 0x100 else CODE_BYTES[sym - 0x100]
+    pairs = [(byte(a), byte(b)) for a, b in pairs]
     lines = []
     for i in range(0, len(pairs), 8):
         lines.append('    ' + ' '.join(f'{{{a:#04x}, {b:#04x}}},' for a, b in pairs[i:i + 8]))
     OUT.write_text(
-        '// The byte pairs of packed texts (steer_log.h): code 0x80 + i stands for\n'
-        '// the pair slog_pairs[i], whose bytes may be codes themselves.\n'
-        '// Written by tools/log_pairs.py from the daemon\'s log formats and assertions.\n'
+        '// The byte pairs of packed texts (steer_log.h): the code byte of pair i\n'
+        '// stands for slog_pairs[i], whose bytes may be codes themselves.\n'
+        '// Written by tools/log_pairs.py from the daemon\'s log formats, assertions and command output.\n'
         '#ifndef STEER_LOG_PAIRS_H\n'
         '#define STEER_LOG_PAIRS_H\n\n'
         f'inline constexpr unsigned char slog_pairs[][2] = {{\n' + '\n'.join(lines) + '\n};\n\n'
