@@ -30,8 +30,9 @@
 // The string literal `lit` packed (steer_log.h), as a pointer to constant storage.
 #define SLOG_PACKED(lit)                                                                   \
     ([] {                                                                                  \
-        static_assert(slog_text_fits(lit), "texts pack: no code bytes, shorter than SLOG_TEXT_MAX");   \
-        static constexpr auto packed = slog_pack<slog_packed_size(lit)>(lit);              \
+        static_assert(slog_text_fits(lit), "texts pack: no code bytes, shorter than SLOG_TEXT_MAX"); \
+        constexpr auto packing = slog_pack(lit);                                           \
+        static constexpr auto packed = slog_cut<packing.size>(packing);                    \
         return packed.text;                                                                \
     }())
 
@@ -70,8 +71,8 @@ constexpr bool slog_fmt_has_prefix(const char *fmt)
         static_assert(slog_text_fits(fmt), "log formats pack: no code bytes, shorter than SLOG_TEXT_MAX");   \
         static_assert(__LINE__ <= UINT16_MAX, "a log call's line fits its record");                 \
         (void)sizeof(slog_format_check(fmt, __func__, __LINE__, ##__VA_ARGS__));                    \
-        static constexpr auto slog_site_ =                                                          \
-            slog_make_site<slog_packed_size(fmt + SLOG_PREFIX_LEN)>((level), __LINE__, fmt + SLOG_PREFIX_LEN); \
+        constexpr auto slog_packing_ = slog_pack(fmt, SLOG_PREFIX_LEN);                              \
+        static constexpr auto slog_site_ = slog_make_site<slog_packing_.size>((level), __LINE__, slog_packing_); \
         slog_site_log(__func__, &slog_site_.site, ##__VA_ARGS__);                                    \
     } while (0)
 

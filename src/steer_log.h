@@ -6,6 +6,7 @@
 #include <cstdarg>
 #include <cstddef>
 #include <cstdint>
+#include <array>
 #include <cstdio>
 #include <iterator>
 
@@ -71,27 +72,61 @@ constexpr bool slog_text_fits(const char *text)
     return n < SLOG_TEXT_MAX;
 }
 
-// Packs `text` (slog_text_fits) into `out`; returns the packed length. Each
-// pair in turn replaces its occurrences from left to right.
-constexpr size_t slog_pack_into(const char *text, unsigned char *out)
+// The pair of each two bytes, for packing: its index in slog_pairs, or
+// SLOG_NO_PAIR.
+constexpr uint8_t SLOG_NO_PAIR = 0xff;
+static_assert(std::size(slog_pairs) < SLOG_NO_PAIR);
+inline constexpr std::array<uint8_t, 256 * 256> slog_pair_of = [] {
+    std::array<uint8_t, 256 * 256> of = {};
+    for (auto &p : of)
+        p = SLOG_NO_PAIR;
+    for (size_t p = std::size(slog_pairs); p-- > 0;)
+        of[slog_pairs[p][0] * 256 + slog_pairs[p][1]] = static_cast<uint8_t>(p);
+    return of;
+}();
+
+// A text of N bytes (with its NUL) packed into its first `size` bytes (with
+// the NUL).
+template <size_t N>
+struct slog_packing {
+    unsigned char bytes[N];
+    size_t size;
+};
+
+// Packs `text` (slog_text_fits) after its first `skip` bytes: as if each pair
+// in turn replaced its occurrences from left to right. Pairs that do not
+// occur change nothing, and replacing pair p makes no pair before p, so the
+// first pair that occurs is replaced, again and again.
+template <size_t N>
+constexpr slog_packing<N> slog_pack(const char (&text)[N], size_t skip = 0)
 {
+    slog_packing<N> out = {};
     size_t n = 0;
-    for (; text[n] != '\0'; n++)
-        out[n] = static_cast<unsigned char>(text[n]);
-    for (size_t p = 0; p < std::size(slog_pairs); p++) {
-        unsigned char code = slog_pair_code(p);
+    for (; text[skip + n] != '\0'; n++)
+        out.bytes[n] = static_cast<unsigned char>(text[skip + n]);
+    for (;;) {
+        uint8_t first = SLOG_NO_PAIR;
+        for (size_t i = 0; i + 1 < n; i++) {
+            uint8_t p = slog_pair_of[out.bytes[i] * 256 + out.bytes[i + 1]];
+            first = p < first ? p : first;
+        }
+        if (first == SLOG_NO_PAIR)
+            break;
+        unsigned char code = slog_pair_code(first);
         size_t j = 0;
         for (size_t i = 0; i < n; j++) {
-            if (i + 1 < n && out[i] == slog_pairs[p][0] && out[i + 1] == slog_pairs[p][1]) {
-                out[j] = code;
+            if (i + 1 < n && out.bytes[i] == slog_pairs[first][0] && out.bytes[i + 1] == slog_pairs[first][1]) {
+                out.bytes[j] = code;
                 i += 2;
             } else {
-                out[j] = out[i++];
+                out.bytes[j] = out.bytes[i++];
             }
         }
         n = j;
     }
-    return n;
+    out.bytes[n] = '\0';
+    out.size = n + 1;
+    return out;
 }
 
 template <size_t N>
@@ -99,21 +134,13 @@ struct slog_packed {
     char text[N];
 };
 
-// The bytes `text` packs into, with the NUL.
-constexpr size_t slog_packed_size(const char *text)
+// The packed text of `packing`, cut to its size M.
+template <size_t M, size_t N>
+constexpr slog_packed<M> slog_cut(const slog_packing<N> &packing)
 {
-    unsigned char buf[SLOG_TEXT_MAX] = {};
-    return slog_pack_into(text, buf) + 1;
-}
-
-template <size_t N>
-constexpr slog_packed<N> slog_pack(const char *text)
-{
-    unsigned char buf[SLOG_TEXT_MAX] = {};
-    slog_pack_into(text, buf);
-    slog_packed<N> p = {};
-    for (size_t i = 0; i + 1 < N; i++)
-        p.text[i] = static_cast<char>(buf[i]);
+    slog_packed<M> p = {};
+    for (size_t i = 0; i < M; i++)
+        p.text[i] = static_cast<char>(packing.bytes[i]);
     return p;
 }
 
@@ -149,11 +176,11 @@ struct slog_site_text {
     slog_packed<N> fmt;
 };
 
-template <size_t N>
-constexpr slog_site_text<N> slog_make_site(int level, unsigned line, const char *fmt)
+template <size_t M, size_t N>
+constexpr slog_site_text<M> slog_make_site(int level, unsigned line, const slog_packing<N> &fmt)
 {
     return {{static_cast<uint8_t>(level), {static_cast<uint8_t>(line), static_cast<uint8_t>(line >> 8)}},
-            slog_pack<N>(fmt)};
+            slog_cut<M>(fmt)};
 }
 
 // Logs the line of `site` in `func` (the function and line, then the format

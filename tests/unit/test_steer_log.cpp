@@ -92,9 +92,12 @@ TEST(SlogPacked, TextsUnpackToThemselves)
         return t;
     }();
     static_assert(slog_text_fits(all) && slog_text_fits(longest.text));
-    constexpr auto all_packed = slog_pack<slog_packed_size(all)>(all);
-    constexpr auto longest_packed = slog_pack<slog_packed_size(longest.text)>(longest.text);
-    constexpr auto empty_packed = slog_pack<slog_packed_size("")>("");
+    constexpr auto all_packing = slog_pack(all);
+    constexpr auto longest_packing = slog_pack(longest.text);
+    constexpr auto empty_packing = slog_pack("");
+    constexpr auto all_packed = slog_cut<all_packing.size>(all_packing);
+    constexpr auto longest_packed = slog_cut<longest_packing.size>(longest_packing);
+    constexpr auto empty_packed = slog_cut<empty_packing.size>(empty_packing);
     static_assert(sizeof(longest_packed) < SLOG_TEXT_MAX / 2, "repeated pairs pack");
     EXPECT_EQ(slog_round_trip(all_packed), all);
     EXPECT_EQ(slog_round_trip(longest_packed), longest.text);
