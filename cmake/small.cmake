@@ -97,12 +97,12 @@ foreach(t IN LISTS daemon_targets)
   endif()
 endforeach()
 # The daemon's file: stripped, no build id, and no padding of the file to a
-# page boundary between code and data (no RELRO, whose read-only end must be
-# page-aligned, and no saving of a page of memory at the cost of up to a page
-# of file: -z common-page-size). The loadable segments keep their alignment
-# (max-page-size).
+# page boundary between code and data (no saving of a page of memory at the
+# cost of up to a page of file: -z common-page-size). The loadable segments
+# keep their alignment (max-page-size), and where the target has RELRO its
+# read-only part still ends on a page boundary, so it stays protected.
 # The daemon is optimised as one unit at link time (one partition): every call
 # between its modules is then a local one (in MIPS16 a direct `jal` instead of
 # a load and `jalr`).
-target_link_options(bandherd PRIVATE -s -Wl,--build-id=none -Wl,-z,norelro -Wl,-z,common-page-size=16
+target_link_options(bandherd PRIVATE -s -Wl,--build-id=none -Wl,-z,common-page-size=16
                     -flto-partition=one)
