@@ -205,11 +205,26 @@ static void sdrv_drop_foreign()
         LOG_WARN("%s:%d, dropped a datagram that the driver did not send (%u so far)", s_foreign);
 }
 
+// The receive buffer is all zeroes whenever no datagram is in it: after each
+// datagram only the bytes it filled are cleared again, so every read still
+// lands in a zeroed buffer without clearing the whole kilobyte per event.
+static uint8_t s_rbuf[SDRV_BUFF_SIZE];
+
+// Clears what a datagram filled when the read handler returns, by whichever path.
+struct sdrv_rbuf_filled {
+    ssize_t len;
+    ~sdrv_rbuf_filled()
+    {
+        if (len > 0)
+            memset(s_rbuf, 0, len < (ssize_t)sizeof(s_rbuf) ? (size_t)len : sizeof(s_rbuf));
+    }
+};
+
 void sdrv_read(int fd, int, void *)
 {
-    uint8_t buf[SDRV_BUFF_SIZE] = {};
     int from_driver = 0;
-    ssize_t ret = nlc_recv(fd, buf, sizeof(buf), &from_driver);
+    ssize_t ret = nlc_recv(fd, s_rbuf, sizeof(s_rbuf), &from_driver);
+    sdrv_rbuf_filled filled{ret};
     if (ret >= 0 && !from_driver) {
         sdrv_drop_foreign();
         return;
@@ -219,7 +234,7 @@ void sdrv_read(int fd, int, void *)
         return;
     }
     nlmsghdr nlh;
-    memcpy(&nlh, buf, sizeof(nlh));
+    memcpy(&nlh, s_rbuf, sizeof(nlh));
     if (nlh.nlmsg_len > (uint32_t)ret) {
         LOG_ERROR("%s:%d, wrong message length %d, read %d", (int)nlh.nlmsg_len, (int)ret);
         return;
@@ -228,15 +243,15 @@ void sdrv_read(int fd, int, void *)
         LOG_ERROR("%s:%d, message is too short %d", (int)nlh.nlmsg_len);
         return;
     }
-    if (memcmp(buf + MAPS_NL_HDR_LEN, MAPS_MAGIC, MAPS_MAGIC_LEN) != 0) {
+    if (memcmp(s_rbuf + MAPS_NL_HDR_LEN, MAPS_MAGIC, MAPS_MAGIC_LEN) != 0) {
         LOG_ERROR("%s:%d, wrong magic.");
         return;
     }
-    uint8_t event = buf[MAPS_NL_HDR_LEN + MAPS_MAGIC_LEN];
+    uint8_t event = s_rbuf[MAPS_NL_HDR_LEN + MAPS_MAGIC_LEN];
     for (sdrv_reg *pos : s_ev_regs) {
         if (pos->event == event) {
             SASSERT(pos->cb);
-            pos->cb(event, buf + SDRV_MSG_OFFSET, nlh.nlmsg_len - (uint32_t)SDRV_MSG_OFFSET);
+            pos->cb(event, s_rbuf + SDRV_MSG_OFFSET, nlh.nlmsg_len - (uint32_t)SDRV_MSG_OFFSET);
             return;
         }
     }

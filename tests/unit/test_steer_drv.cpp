@@ -96,6 +96,15 @@ TEST_F(SdrvTest, EventsAreCheckedThenDispatchedByCodeWithTheirNetlinkLength)
     deliver(padded);
     EXPECT_EQ(s_seen, (std::vector<std::string>{"200 ", "201 123"}));
 
+    // A short event after a long one finds nothing of the long one past its end.
+    static std::string tail;
+    sdrv_register_event((maps_ev_e)202, [](uint8_t, void *data, uint32_t size) {
+        tail.assign(static_cast<char *>(data) + size, 64);
+    });
+    deliver(nl_event((maps_ev_e)202, std::string(200, 'L').data(), 200));
+    deliver(nl_event((maps_ev_e)202, "s", 1));
+    EXPECT_EQ(tail, std::string(64, '\0'));
+
     // Whatever another process sends is counted and dropped, however well formed.
     log_capture foreign;
     g_fake_nl.from_driver = false;
