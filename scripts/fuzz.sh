@@ -47,9 +47,15 @@ check() {
   local t=$1 inputs
   mapfile -t inputs < <(find "$dir/seeds/$t" "$dir/corpus/$t" -type f | sort)
   rm -f "$dir/digest-$t".*
-  FUZZ_DIGEST=$PWD/$dir/digest-$t.forward "$dir/fuzz/fuzz_$t" "${inputs[@]}" >"$dir/fuzz-$t.log" 2>&1
-  mapfile -t inputs < <(printf '%s\n' "${inputs[@]}" | sort -r)
-  FUZZ_DIGEST=$PWD/$dir/digest-$t.reverse "$dir/fuzz/fuzz_$t" "${inputs[@]}" >>"$dir/fuzz-$t.log" 2>&1
+  : >"$dir/check-$t.log"
+  for order in forward reverse; do
+    [ $order = forward ] || mapfile -t inputs < <(printf '%s\n' "${inputs[@]}" | sort -r)
+    if ! FUZZ_DIGEST=$PWD/$dir/digest-$t.$order "$dir/fuzz/fuzz_$t" "${inputs[@]}" >>"$dir/check-$t.log" 2>&1; then
+      grep -v NEW_FUNC "$dir/check-$t.log" | tail -60
+      echo "fuzz_$t: FINDING (log $dir/check-$t.log)" >&2
+      exit 1
+    fi
+  done
   # The fuzzer runs an input again when it freed less than it allocated, so
   # an input may have several lines; all of them must agree.
   sort -u "$dir/digest-$t.forward" "$dir/digest-$t.reverse" >"$dir/digest-$t.all"
