@@ -48,8 +48,10 @@ if(BANDHERD_MIPS16)
   # Standard-encoding code (the tests, the libraries) may call MIPS16 code.
   list(APPEND small_all -minterlink-compressed)
 endif()
+# No tail calls: on MIPS (abicalls) and ARM a tail call to another module or
+# library costs more code than the call and return it saves.
 set(small_daemon -fno-exceptions -fno-rtti -fno-asynchronous-unwind-tables -fno-unwind-tables
-    -fvisibility=hidden -fvisibility-inlines-hidden)
+    -fvisibility=hidden -fvisibility-inlines-hidden -fno-optimize-sibling-calls)
 if(BANDHERD_MIPS16)
   list(APPEND small_daemon -mips16)
 endif()
@@ -94,4 +96,13 @@ foreach(t IN LISTS daemon_targets)
     set_property(TARGET ${t} PROPERTY INTERPROCEDURAL_OPTIMIZATION ON)
   endif()
 endforeach()
-target_link_options(bandherd PRIVATE -s)
+# The daemon's file: stripped, no build id, and no padding of the file to a
+# page boundary between code and data (no saving of a page of memory at the
+# cost of up to a page of file: -z common-page-size). The loadable segments
+# keep their alignment (max-page-size), and where the target has RELRO its
+# read-only part still ends on a page boundary, so it stays protected.
+# The daemon is optimised as one unit at link time (one partition): every call
+# between its modules is then a local one (in MIPS16 a direct `jal` instead of
+# a load and `jalr`).
+target_link_options(bandherd PRIVATE -s -Wl,--build-id=none -Wl,-z,common-page-size=16
+                    -flto-partition=one)

@@ -4,7 +4,9 @@
 
 void steer_assert_fail(const char *expr, const char *file, int line, const char *func)
 {
-    fprintf(stderr, STEER_ASSERT_FMT, expr, file, line, func);
+    char text[SLOG_TEXT_MAX];
+    slog_unpack(expr, text);
+    fprintf(stderr, STEER_ASSERT_FMT, text, file, line, func);
     abort();
 }
 

@@ -16,15 +16,25 @@
 // daemon on standard error and aborts (the SIGABRT path of the exit handler).
 #define STEER_ASSERT_FMT "\033[0;31mbandherd: Assertion failed, '%s' is not satisfied!!!\n   at %s:%d %s\033[0m\n"
 
-#define SASSERT(expr)                                                  \
-    do {                                                               \
-        if (!(expr))                                                   \
-            steer_assert_fail(#expr, __FILE_NAME__, __LINE__, __func__); \
+#define SASSERT(expr)                                                                \
+    do {                                                                             \
+        if (!(expr))                                                                 \
+            steer_assert_fail(SLOG_PACKED(#expr), __FILE_NAME__, __LINE__, __func__); \
     } while (0)
 
-// Prints the assertion message (STEER_ASSERT_FMT) and aborts; one call per
-// assertion instead of the printing at every site.
+// Prints the assertion message (STEER_ASSERT_FMT) with the packed expression
+// `expr` and aborts; one call per assertion instead of the printing at every
+// site.
 [[noreturn]] void steer_assert_fail(const char *expr, const char *file, int line, const char *func);
+
+// The string literal `lit` packed (steer_log.h), as a pointer to constant storage.
+#define SLOG_PACKED(lit)                                                                   \
+    ([] {                                                                                  \
+        static_assert(slog_text_fits(lit), "texts pack: no code bytes, shorter than SLOG_TEXT_MAX"); \
+        constexpr auto packing = slog_pack(lit);                                           \
+        static constexpr auto packed = slog_cut<packing.size>(packing);                    \
+        return packed.text;                                                                \
+    }())
 
 // ---------------------------------------------------------------------------
 // Per-module log level. Every source file gets its own pair: the level a module
@@ -41,24 +51,43 @@
     } while (0)
 
 // Every log format starts with the function name and the line.
+constexpr char SLOG_PREFIX[] = "%s:%d, ";
+constexpr size_t SLOG_PREFIX_LEN = sizeof(SLOG_PREFIX) - 1;
 constexpr bool slog_fmt_has_prefix(const char *fmt)
 {
-    const char prefix[] = "%s:%d, ";
-    for (size_t i = 0; i + 1 < sizeof(prefix); i++) {
-        if (fmt[i] != prefix[i])
+    for (size_t i = 0; i < SLOG_PREFIX_LEN; i++) {
+        if (fmt[i] != SLOG_PREFIX[i])
             return false;
     }
     return true;
 }
 
+// The call site's record (slog_site_t) and the call. The compiler checks the
+// arguments against the whole format; the record keeps the level, the line
+// and the rest of the format, packed.
+#define SLOG_CALL(level, fmt, ...)                                                                   \
+    do {                                                                                             \
+        static_assert(slog_fmt_has_prefix(fmt), "log formats begin with %s:%d, ");                  \
+        static_assert(slog_text_fits(fmt), "log formats pack: no code bytes, shorter than SLOG_TEXT_MAX");   \
+        static_assert(__LINE__ <= UINT16_MAX, "a log call's line fits its record");                 \
+        (void)sizeof(slog_format_check(fmt, __func__, __LINE__, ##__VA_ARGS__));                    \
+        constexpr auto slog_packing_ = slog_pack(fmt, SLOG_PREFIX_LEN);                              \
+        static constexpr auto slog_site_ = slog_make_site<slog_packing_.size>((level), __LINE__, slog_packing_); \
+        slog_site_log(__func__, &slog_site_.site, ##__VA_ARGS__);                                    \
+    } while (0)
+
 // The guarded call site: the level test is one comparison, made before any
 // argument is formatted.
-#define SLOG(level, fmt, ...)                                                       \
-    do {                                                                            \
-        static_assert(slog_fmt_has_prefix(fmt), "log formats begin with %s:%d, "); \
-        if (*_s_plogger >= (level))                                                 \
-            slog_log((level), fmt, __func__, __LINE__, ##__VA_ARGS__);              \
+#define SLOG(level, fmt, ...)                         \
+    do {                                              \
+        if (*_s_plogger >= (level))                   \
+            SLOG_CALL((level), fmt, ##__VA_ARGS__);   \
     } while (0)
+
+// fprintf to `f` with a literal format, which is stored packed: the output
+// of the operator's commands.
+#define SPRINTF(f, fmt, ...)                                                                          \
+    ((void)sizeof(slog_format_check(fmt, ##__VA_ARGS__)), slog_fprintf((f), SLOG_PACKED(fmt), ##__VA_ARGS__))
 
 #define LOG_FATAL(fmt, ...) SLOG(SLOG_FATAL, fmt, ##__VA_ARGS__)
 #define LOG_ERROR(fmt, ...) SLOG(SLOG_ERROR, fmt, ##__VA_ARGS__)
@@ -68,17 +97,13 @@ constexpr bool slog_fmt_has_prefix(const char *fmt)
 #define LOG_DUMP(fmt, ...) SLOG(SLOG_DUMP, fmt, ##__VA_ARGS__)
 // A steering record is written whatever the module's level: no level can be
 // set to steer, and the steering log is the trace of every decision.
-#define LOG_STEER(fmt, ...)                                                          \
-    do {                                                                            \
-        static_assert(slog_fmt_has_prefix(fmt), "log formats begin with %s:%d, "); \
-        slog_log(SLOG_STEER, fmt, __func__, __LINE__, ##__VA_ARGS__);               \
-    } while (0)
+#define LOG_STEER(fmt, ...) SLOG_CALL(SLOG_STEER, fmt, ##__VA_ARGS__)
 
 // Input from the driver, the mesh or the operator that breaks a state the code
 // relies on. Such input must never abort the daemon: the broken condition is
 // logged at ERROR in the assertion's words and the caller drops the input.
 // True when the input is to be dropped:  if (SREFUSE(size)) return;
-#define SREFUSE(expr) (!(expr) && slog_refuse(*_s_plogger, __func__, __LINE__, #expr))
+#define SREFUSE(expr) (!(expr) && slog_refuse(*_s_plogger, __func__, __LINE__, SLOG_PACKED(#expr)))
 
 // ---------------------------------------------------------------------------
 // The daemon's clock: whole seconds of the monotonic clock, refreshed every

@@ -310,29 +310,29 @@ void sact_print_sta(FILE *f, ssta_status_t *sta, bool detail)
     sact_status_t *act = sact_of(sta);
     SASSERT(act);
     if (detail) {
-        fprintf(f, "sact/pending_sessions:\n");
+        SPRINTF(f, "sact/pending_sessions:\n");
         for (sact_session_t *s : act->sessions) {
-            fprintf(f, "    " MAC_FMT " -> " MAC_FMT ", seesaw count %d", MAC_ARG(s->server_bssid),
+            SPRINTF(f, "    " MAC_FMT " -> " MAC_FMT ", seesaw count %d", MAC_ARG(s->server_bssid),
                     MAC_ARG(s->target_bssid), s->seesaw_cnt);
             if (s->steer_time != 0)
-                fprintf(f, ", last steered %ld seconds ago\n", static_cast<long>(g_time - s->steer_time));
+                SPRINTF(f, ", last steered %ld seconds ago\n", static_cast<long>(g_time - s->steer_time));
             else
                 fputc('\n', f);
         }
     }
-    fprintf(f, "sact/prohibited_targets:\n");
+    SPRINTF(f, "sact/prohibited_targets:\n");
     slimit_dump_info(f, act->limit_info);
 }
 
 void sact_dump_config(FILE *f)
 {
     SASSERT(f);
-    fprintf(f, "btm_dual_band: %d\n", s_conf.btm_dual_band);
-    fprintf(f, "en_btm_fallback: %d\n", s_conf.en_btm_fallback);
-    fprintf(f, "seesaw_tolerance: %d\n", s_conf.seesaw_tolerance);
-    fprintf(f, "seesaw_interval: %d\n", s_conf.seesaw_interval);
-    fprintf(f, "fb_rssi_dither: %d\n", s_conf.fb_rssi_dither);
-    fprintf(f, "limit_configs:\n");
+    SPRINTF(f, "btm_dual_band: %d\n", s_conf.btm_dual_band);
+    SPRINTF(f, "en_btm_fallback: %d\n", s_conf.en_btm_fallback);
+    SPRINTF(f, "seesaw_tolerance: %d\n", s_conf.seesaw_tolerance);
+    SPRINTF(f, "seesaw_interval: %d\n", s_conf.seesaw_interval);
+    SPRINTF(f, "fb_rssi_dither: %d\n", s_conf.fb_rssi_dither);
+    SPRINTF(f, "limit_configs:\n");
     if (s_limit_conf)
         slimit_dump_conf(f, s_limit_conf);
 }

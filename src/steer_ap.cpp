@@ -396,19 +396,19 @@ void sap_print_node(FILE *f, sap_node_t *node)
 {
     SASSERT(f);
     SASSERT(node);
-    fprintf(f, "\n****** NODE " MAC_FMT " ******\n", MAC_ARG(node->node_id));
-    fprintf(f, "is_mpp: %d\n", node->is_mpp);
-    fprintf(f, "hop_to_mpp: %d\n", node->hop);
-    fprintf(f, "link_rate_to_mpp: %d\n", node->link_rate2mpp);
+    SPRINTF(f, "\n****** NODE " MAC_FMT " ******\n", MAC_ARG(node->node_id));
+    SPRINTF(f, "is_mpp: %d\n", node->is_mpp);
+    SPRINTF(f, "hop_to_mpp: %d\n", node->hop);
+    SPRINTF(f, "link_rate_to_mpp: %d\n", node->link_rate2mpp);
     for (int e = 0; e < SAP_ESS_MAX; e++) {
         sap_ess_t *ess = &node->ess[e];
         if (ess->essid[0] == '\0')
             continue;
-        fprintf(f, "\n[ESS%d] '%s'\n", e, ess->essid);
+        SPRINTF(f, "\n[ESS%d] '%s'\n", e, ess->essid);
         for (sap_bss_t &bss : ess->bss) {
             if (bss.bss_index == 0)
                 continue;
-            fprintf(f, "[BSS%d] %-16s " MAC_FMT " RADIO%u sta_num:%-3u sta_max:%-3u\n", bss.bss_index, bss.ifname,
+            SPRINTF(f, "[BSS%d] %-16s " MAC_FMT " RADIO%u sta_num:%-3u sta_max:%-3u\n", bss.bss_index, bss.ifname,
                     MAC_ARG(bss.bssid), bss.radio ? bss.radio->radio_index : 0, bss.sta_num, bss.sta_max);
         }
     }
@@ -416,7 +416,7 @@ void sap_print_node(FILE *f, sap_node_t *node)
         sap_radio_t *radio = &node->radios[i];
         if (radio->channel == 0)
             continue;
-        fprintf(f, "[RADIO%d] band:%s(0x%02x) channel:%-3u load:%02u%% sta_num:%-3u\n", i,
+        SPRINTF(f, "[RADIO%d] band:%s(0x%02x) channel:%-3u load:%02u%% sta_num:%-3u\n", i,
                 sap_band_name(radio->work_band), radio->work_band, radio->channel, radio->load, radio->sta_num);
     }
 }

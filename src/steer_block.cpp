@@ -100,10 +100,10 @@ void sblock_print(FILE *f, ssta_status_t *sta, bool detail)
     SASSERT(f);
     SASSERT(sta);
     if (detail) {
-        fprintf(f, "sblock/no_block_btm: %d\n", sta->no_block_btm);
-        fprintf(f, "sblock/no_block_boff: %d\n", sta->no_block_boff);
-        fprintf(f, "sblock/no_block_ctl: %d\n", sta->no_block_ctl);
+        SPRINTF(f, "sblock/no_block_btm: %d\n", sta->no_block_btm);
+        SPRINTF(f, "sblock/no_block_boff: %d\n", sta->no_block_boff);
+        SPRINTF(f, "sblock/no_block_ctl: %d\n", sta->no_block_ctl);
     } else {
-        fprintf(f, "sblock/no_block: %d\n", sta->no_block_btm || sta->no_block_boff || sta->no_block_ctl);
+        SPRINTF(f, "sblock/no_block: %d\n", sta->no_block_btm || sta->no_block_boff || sta->no_block_ctl);
     }
 }

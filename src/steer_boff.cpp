@@ -602,30 +602,30 @@ void sboff_print_sta(FILE *f, ssta_status_t *sta, bool detail)
     SASSERT(sta);
     sboff_status_t *boff = sboff_of(sta);
     SASSERT(boff);
-    fprintf(f, "sboff/state: %s\n", sboff_state_str(boff->state));
+    SPRINTF(f, "sboff/state: %s\n", sboff_state_str(boff->state));
     if (detail) {
-        fprintf(f, "sboff/no_block: %d\n", boff->no_block);
-        fprintf(f, "sboff/low_rssi: %d\n", boff->low_rssi);
-        fprintf(f, "sboff/target_bss: " MAC_FMT "\n", MAC_ARG(boff->target_bssid));
-        fprintf(f, "sboff/target_node: " MAC_FMT "\n", MAC_ARG(boff->target_node));
-        fprintf(f, "sboff/steer_begin: %ld\n", static_cast<long>(boff->steer_begin));
-        fprintf(f, "sboff/sync_reply_cnt: %d\n", boff->sync_reply_cnt);
+        SPRINTF(f, "sboff/no_block: %d\n", boff->no_block);
+        SPRINTF(f, "sboff/low_rssi: %d\n", boff->low_rssi);
+        SPRINTF(f, "sboff/target_bss: " MAC_FMT "\n", MAC_ARG(boff->target_bssid));
+        SPRINTF(f, "sboff/target_node: " MAC_FMT "\n", MAC_ARG(boff->target_node));
+        SPRINTF(f, "sboff/steer_begin: %ld\n", static_cast<long>(boff->steer_begin));
+        SPRINTF(f, "sboff/sync_reply_cnt: %d\n", boff->sync_reply_cnt);
     }
-    fprintf(f, "sboff/prohibited_targets:\n");
+    SPRINTF(f, "sboff/prohibited_targets:\n");
     slimit_dump_info(f, boff->limit_info);
 }
 
 void sboff_dump_config(FILE *f)
 {
     SASSERT(f);
-    fprintf(f, "en_boff: %d\n", s_conf.en_boff);
-    fprintf(f, "en_boff_active: %d\n", s_conf.en_boff_active);
-    fprintf(f, "reject_cnt: %d\n", s_conf.reject_cnt);
-    fprintf(f, "boff_block_less: %d\n", s_conf.boff_block_less);
-    fprintf(f, "boff_timeout: %d\n", s_conf.boff_timeout);
-    fprintf(f, "msg_sync_timeout: %d\n", s_conf.msg_sync_timeout);
-    fprintf(f, "ph_low_rssi: %d\n", s_conf.ph_low_rssi);
-    fprintf(f, "limit_configs:\n");
+    SPRINTF(f, "en_boff: %d\n", s_conf.en_boff);
+    SPRINTF(f, "en_boff_active: %d\n", s_conf.en_boff_active);
+    SPRINTF(f, "reject_cnt: %d\n", s_conf.reject_cnt);
+    SPRINTF(f, "boff_block_less: %d\n", s_conf.boff_block_less);
+    SPRINTF(f, "boff_timeout: %d\n", s_conf.boff_timeout);
+    SPRINTF(f, "msg_sync_timeout: %d\n", s_conf.msg_sync_timeout);
+    SPRINTF(f, "ph_low_rssi: %d\n", s_conf.ph_low_rssi);
+    SPRINTF(f, "limit_configs:\n");
     if (s_limit_conf)
         slimit_dump_conf(f, s_limit_conf);
 }

@@ -525,26 +525,26 @@ void sbtm_print_sta(FILE *f, ssta_status_t *sta, bool detail)
     SASSERT(sta);
     sbtm_status_t *btm = sbtm_of(sta);
     SASSERT(btm);
-    fprintf(f, "sbtm/state: %s\n", sbtm_state_str(btm->state));
+    SPRINTF(f, "sbtm/state: %s\n", sbtm_state_str(btm->state));
     if (detail) {
-        fprintf(f, "sbtm/target_bss: " MAC_FMT "\n", MAC_ARG(btm->target_bssid));
-        fprintf(f, "sbtm/target_node: " MAC_FMT "\n", MAC_ARG(btm->target_node));
-        fprintf(f, "sbtm/steer_begin: %ld\n", static_cast<long>(btm->steer_begin));
-        fprintf(f, "sbtm/sync_reply_cnt: %d\n", btm->sync_reply_cnt);
+        SPRINTF(f, "sbtm/target_bss: " MAC_FMT "\n", MAC_ARG(btm->target_bssid));
+        SPRINTF(f, "sbtm/target_node: " MAC_FMT "\n", MAC_ARG(btm->target_node));
+        SPRINTF(f, "sbtm/steer_begin: %ld\n", static_cast<long>(btm->steer_begin));
+        SPRINTF(f, "sbtm/sync_reply_cnt: %d\n", btm->sync_reply_cnt);
     }
-    fprintf(f, "sbtm/prohibited_targets:\n");
+    SPRINTF(f, "sbtm/prohibited_targets:\n");
     slimit_dump_info(f, btm->limit_info);
 }
 
 void sbtm_dump_config(FILE *f)
 {
     SASSERT(f);
-    fprintf(f, "en_btm: %d\n", s_conf.en_btm);
-    fprintf(f, "btm_no_2g: %d\n", s_conf.btm_no_2g);
-    fprintf(f, "btm_timeout: %d\n", s_conf.btm_timeout);
-    fprintf(f, "msg_sync_timeout: %d\n", s_conf.msg_sync_timeout);
-    fprintf(f, "ph_low_rssi: %d\n", s_conf.ph_low_rssi);
-    fprintf(f, "limit_configs:\n");
+    SPRINTF(f, "en_btm: %d\n", s_conf.en_btm);
+    SPRINTF(f, "btm_no_2g: %d\n", s_conf.btm_no_2g);
+    SPRINTF(f, "btm_timeout: %d\n", s_conf.btm_timeout);
+    SPRINTF(f, "msg_sync_timeout: %d\n", s_conf.msg_sync_timeout);
+    SPRINTF(f, "ph_low_rssi: %d\n", s_conf.ph_low_rssi);
+    SPRINTF(f, "limit_configs:\n");
     if (s_limit_conf)
         slimit_dump_conf(f, s_limit_conf);
 }

@@ -50,7 +50,7 @@ ssta_status_t *scmd_find_sta(FILE *f, const char *text, uint8_t *mac)
         return nullptr;
     ssta_status_t *sta = ssta_find(mac);
     if (!sta) {
-        fprintf(f, "error: can't find " MAC_FMT "\n", MAC_ARG(mac));
+        SPRINTF(f, "error: can't find " MAC_FMT "\n", MAC_ARG(mac));
         return nullptr;
     }
     return sta;
@@ -71,7 +71,7 @@ bool scmd_find_bss(FILE *f, const uint8_t *bssid, sap_bss_t **bss, sap_node_t **
     }
     if (snei_find_bss(bssid, node, bss) == 0)
         return true;
-    fprintf(f, "error: can't find bssid " MAC_FMT "\n", MAC_ARG(bssid));
+    SPRINTF(f, "error: can't find bssid " MAC_FMT "\n", MAC_ARG(bssid));
     return false;
 }
 
@@ -89,27 +89,27 @@ void scmd_steer_result(bool success, ssta_status_t *sta, const uint8_t *bssid, c
 int scmd_ddbg(FILE *f, int argc, char **argv)
 {
     if (argc != 2) {
-        fprintf(f, "error: need 1 argument!\n");
+        SPRINTF(f, "error: need 1 argument!\n");
         return -1;
     }
     int level = atoi(argv[1]);
     int ret = sdrv_ioctl(MAPS_CMD_DBG, &level, 4, nullptr);
     if (ret != 0)
-        fprintf(f, "error: set driver debug failed!\n");
+        SPRINTF(f, "error: set driver debug failed!\n");
     return ret;
 }
 
 int scmd_conf(FILE *f)
 {
-    fprintf(f, "===== configs of steer_ctl =====\n");
+    SPRINTF(f, "===== configs of steer_ctl =====\n");
     sctl_dump_config(f);
-    fprintf(f, "\n===== configs of steer_ns =====\n");
+    SPRINTF(f, "\n===== configs of steer_ns =====\n");
     sns_dump_config(f);
-    fprintf(f, "\n===== configs of steer_act =====\n");
+    SPRINTF(f, "\n===== configs of steer_act =====\n");
     sact_dump_config(f);
-    fprintf(f, "\n===== configs of steer_btm =====\n");
+    SPRINTF(f, "\n===== configs of steer_btm =====\n");
     sbtm_dump_config(f);
-    fprintf(f, "\n===== configs of steer_boff =====\n");
+    SPRINTF(f, "\n===== configs of steer_boff =====\n");
     sboff_dump_config(f);
     return 0;
 }
@@ -120,7 +120,7 @@ int scmd_ol(FILE *f)
         sap_radio_t *radio = &g_self.radios[i];
         if (!radio->ctl)
             continue;
-        fprintf(f, "\n[RADIO%d]\n", i);
+        SPRINTF(f, "\n[RADIO%d]\n", i);
         sctl_print_radio(f, radio);
     }
     return 0;
@@ -128,9 +128,9 @@ int scmd_ol(FILE *f)
 
 int scmd_ap(FILE *f)
 {
-    fprintf(f, "**************** This Device Infomation *****************\n");
+    SPRINTF(f, "**************** This Device Infomation *****************\n");
     sap_print_node(f, &g_self);
-    fprintf(f, "****************** Neighbor Infomation *******************\n");
+    SPRINTF(f, "****************** Neighbor Infomation *******************\n");
     for (sap_node_t *n = snei_get_first(); n; n = snei_get_next(n))
         sap_print_node(f, n);
     return 0;
@@ -142,7 +142,7 @@ int scmd_sta(FILE *f, int argc, char **argv)
     int opt;
     while ((opt = getopt(argc, argv, "l")) != -1) {
         if (opt != 'l') {
-            fprintf(f, "error: invalid option '%s'\n", argv[optind - 1]);
+            SPRINTF(f, "error: invalid option '%s'\n", argv[optind - 1]);
             return -1;
         }
         arg.detail = true;
@@ -151,22 +151,22 @@ int scmd_sta(FILE *f, int argc, char **argv)
     if (optind < argc) {
         uint8_t mac[MAC_LEN];
         if (mac_scan(argv[optind], mac) != 0) {
-            fprintf(f, "error: invalid mac '%s'\n", argv[optind]);
+            SPRINTF(f, "error: invalid mac '%s'\n", argv[optind]);
             return -1;
         }
         sta = ssta_find(mac);
         if (!sta) {
-            fprintf(f, "error: sta " MAC_FMT " doesn't exist\n", MAC_ARG(mac));
+            SPRINTF(f, "error: sta " MAC_FMT " doesn't exist\n", MAC_ARG(mac));
             return -1;
         }
     }
-    fprintf(f, "current time: %ld\n", static_cast<long>(g_time));
+    SPRINTF(f, "current time: %ld\n", static_cast<long>(g_time));
     if (sta) {
         scmd_print_sta(sta, &arg);
     } else {
         ssta_iterate(scmd_print_sta, &arg);
     }
-    fprintf(f, "recorded sta count: %d\n", ssta_get_count());
+    SPRINTF(f, "recorded sta count: %d\n", ssta_get_count());
     return 0;
 }
 
@@ -206,7 +206,7 @@ int scmd_log(FILE *f, int argc, char **argv)
             if (slog_set_print_time(true) == 0) {
                 LOG_INFO("%s:%d, Turn on timestamp");
             } else {
-                fprintf(f, "error: Turn on timestamp failed\n");
+                SPRINTF(f, "error: Turn on timestamp failed\n");
                 ret = -1;
             }
             break;
@@ -214,7 +214,7 @@ int scmd_log(FILE *f, int argc, char **argv)
             if (slog_set_print_time(false) == 0) {
                 LOG_INFO("%s:%d, Turn off timestamp");
             } else {
-                fprintf(f, "error: Turn off timestamp failed\n");
+                SPRINTF(f, "error: Turn off timestamp failed\n");
                 ret = -1;
             }
             break;
@@ -223,12 +223,12 @@ int scmd_log(FILE *f, int argc, char **argv)
             errno = 0;
             long size = strtol(optarg, &end, 0);
             if (*optarg == '\0' || *end != '\0' || errno != 0 || size < 0) {
-                fprintf(f, "error: invalid number '%s'\n", optarg);
+                SPRINTF(f, "error: invalid number '%s'\n", optarg);
                 ret = -1;
             } else if (slog_set_size(static_cast<size_t>(size)) == 0) {
                 LOG_INFO("%s:%d, set max log size to %ldbyte", size);
             } else {
-                fprintf(f, "error: set max log size to %ld failed\n", size);
+                SPRINTF(f, "error: set max log size to %ld failed\n", size);
                 ret = -1;
             }
             break;
@@ -237,25 +237,25 @@ int scmd_log(FILE *f, int argc, char **argv)
             if (slog_set_path(optarg) == 0) {
                 LOG_INFO("%s:%d, set log path to '%s'", optarg);
             } else {
-                fprintf(f, "error: set log path to '%s' failed\n", optarg);
+                SPRINTF(f, "error: set log path to '%s' failed\n", optarg);
                 ret = -1;
             }
             break;
         default:
-            fprintf(f, "error: invalid option '%s'\n", argv[optind - 1]);
+            SPRINTF(f, "error: invalid option '%s'\n", argv[optind - 1]);
             return -1;
         }
     }
     if (level_text) {
         if (strcmp(level_text, "available_levels") == 0) {
-            fprintf(f, "available log levels:\n");
+            SPRINTF(f, "available log levels:\n");
             for (int i = SLOG_SILENCE; i <= SLOG_DUMP; i++)
-                fprintf(f, "%-16s %d\n", slog_get_level_name(i), i);
+                SPRINTF(f, "%-16s %d\n", slog_get_level_name(i), i);
             return ret;
         }
         int level = scmd_level(level_text);
         if (level < 0) {
-            fprintf(f, "error: illegal log level '%s'\n", level_text);
+            SPRINTF(f, "error: illegal log level '%s'\n", level_text);
             return -1;
         }
         const char *name = module ? module : "all";
@@ -263,7 +263,7 @@ int scmd_log(FILE *f, int argc, char **argv)
             LOG_INFO("%s:%d, set log level of '%s' to %s(%ld)", name, slog_get_level_name(level),
                      static_cast<long>(level));
         } else {
-            fprintf(f, "error: set log level of '%s' to %s(%ld) failed\n", name, slog_get_level_name(level),
+            SPRINTF(f, "error: set log level of '%s' to %s(%ld) failed\n", name, slog_get_level_name(level),
                     static_cast<long>(level));
             ret = -1;
         }
@@ -283,11 +283,11 @@ int scmd_act(FILE *f, int argc, char **argv)
         mode = static_cast<char>(opt);
     }
     if (optind >= argc) {
-        fprintf(f, "error: sta must be specified\n");
+        SPRINTF(f, "error: sta must be specified\n");
         return -1;
     }
     if (optind + 1 >= argc) {
-        fprintf(f, "error: bssid must be specified\n");
+        SPRINTF(f, "error: bssid must be specified\n");
         return -1;
     }
     uint8_t mac[MAC_LEN], bssid[MAC_LEN];
@@ -295,7 +295,7 @@ int scmd_act(FILE *f, int argc, char **argv)
     if (!sta || scmd_str_to_mac(f, argv[optind + 1], bssid) != 0)
         return -1;
     if (!scmd_managed(sta)) {
-        fprintf(f, "error: " MAC_FMT " is not associated\n", MAC_ARG(mac));
+        SPRINTF(f, "error: " MAC_FMT " is not associated\n", MAC_ARG(mac));
         return -1;
     }
     sap_bss_t *bss = nullptr;
@@ -312,7 +312,7 @@ int scmd_act(FILE *f, int argc, char **argv)
     else
         ret = sact_steer(sta, bss, node, scmd_act_result);
     if (ret != 0) {
-        fprintf(f, "Failed\n");
+        SPRINTF(f, "Failed\n");
         return -1;
     }
     return 0;
@@ -322,12 +322,12 @@ int scmd_allow(FILE *f, int argc, char **argv)
 {
     uint8_t mac[MAC_LEN], bssid[MAC_LEN];
     if (argc < 2 || argc > 3 || mac_scan(argv[1], mac) != 0 || (argc == 3 && mac_scan(argv[2], bssid) != 0)) {
-        fprintf(f, "error: invalid argument\n");
+        SPRINTF(f, "error: invalid argument\n");
         return -1;
     }
     ssta_status_t *sta = ssta_find(mac);
     if (!sta) {
-        fprintf(f, "error: can't find " MAC_FMT "\n", MAC_ARG(mac));
+        SPRINTF(f, "error: can't find " MAC_FMT "\n", MAC_ARG(mac));
         return -1;
     }
     sap_bss_t *bss = nullptr;
@@ -336,9 +336,9 @@ int scmd_allow(FILE *f, int argc, char **argv)
         return -1;
     }
     const uint8_t *target = argc == 3 ? bssid : nullptr;
-    fprintf(f, "sact_allowed: %s\n", sact_allow_steer(sta, bss) ? "Yes" : "No");
-    fprintf(f, "sbtm_allowed: %s\n", sbtm_allowed(sta, target) ? "Yes" : "No");
-    fprintf(f, "sboff_allowed: %s\n", sboff_allowed(sta, target) ? "Yes" : "No");
+    SPRINTF(f, "sact_allowed: %s\n", sact_allow_steer(sta, bss) ? "Yes" : "No");
+    SPRINTF(f, "sbtm_allowed: %s\n", sbtm_allowed(sta, target) ? "Yes" : "No");
+    SPRINTF(f, "sboff_allowed: %s\n", sboff_allowed(sta, target) ? "Yes" : "No");
     return 0;
 }
 
@@ -355,29 +355,29 @@ int scmd_channel(const char *text)
 int scmd_br(FILE *f, int argc, char **argv)
 {
     if (argc != 4) {
-        fprintf(f, "error: need 3 arguments\n");
+        SPRINTF(f, "error: need 3 arguments\n");
         return -1;
     }
     uint8_t mac[MAC_LEN];
     if (scmd_str_to_mac(f, argv[1], mac) != 0)
         return -1;
     if (strlen(argv[2]) > 32) {
-        fprintf(f, "error: ssid '%s' is too long\n", argv[2]);
+        SPRINTF(f, "error: ssid '%s' is too long\n", argv[2]);
         return -1;
     }
     int channel = scmd_channel(argv[3]);
     if (channel < 0) {
-        fprintf(f, "error: invalid channel '%s\n", argv[3]);
+        SPRINTF(f, "error: invalid channel '%s\n", argv[3]);
         return -1;
     }
     ssta_status_t *sta = ssta_find(mac);
     if (!sta) {
-        fprintf(f, "error: " MAC_FMT " doesn't exist\n", MAC_ARG(mac));
+        SPRINTF(f, "error: " MAC_FMT " doesn't exist\n", MAC_ARG(mac));
         return -1;
     }
     sap_bss_t *bss = sta->associated ? ssta_get_serving_bss(sta) : nullptr;
     if (!bss) {
-        fprintf(f, "error: can't find interface name\n");
+        SPRINTF(f, "error: can't find interface name\n");
         return -1;
     }
     if (sven_beacon_req(bss->ifname, mac, static_cast<uint8_t>(channel), argv[2]) != 0) {
@@ -390,19 +390,19 @@ int scmd_br(FILE *f, int argc, char **argv)
 int scmd_bt(FILE *f, int argc, char **argv)
 {
     if (argc != 4) {
-        fprintf(f, "error: require 3 arguents\n");
+        SPRINTF(f, "error: require 3 arguents\n");
         return -1;
     }
     uint8_t mac[MAC_LEN], bssid[MAC_LEN];
     if (scmd_str_to_mac(f, argv[1], mac) != 0 || scmd_str_to_mac(f, argv[2], bssid) != 0)
         return -1;
     if (scmd_channel(argv[3]) < 0) {
-        fprintf(f, "error: invalid channel '%s'\n", argv[3]);
+        SPRINTF(f, "error: invalid channel '%s'\n", argv[3]);
         return -1;
     }
     ssta_status_t *sta = ssta_find(mac);
     if (!sta || !scmd_managed(sta)) {
-        fprintf(f, "error: " MAC_FMT " has not associated to managed bss\n", MAC_ARG(mac));
+        SPRINTF(f, "error: " MAC_FMT " has not associated to managed bss\n", MAC_ARG(mac));
         return -1;
     }
     sap_bss_t *bss = nullptr;
@@ -412,7 +412,7 @@ int scmd_bt(FILE *f, int argc, char **argv)
     }
     sta->btm_reason = SBTM_FROM_CMD;
     if (sbtm_steer(sta, bss, node->node_id, scmd_steer_result) != 0) {
-        fprintf(f, "Failed\n");
+        SPRINTF(f, "Failed\n");
         return -1;
     }
     return 0;
@@ -421,7 +421,7 @@ int scmd_bt(FILE *f, int argc, char **argv)
 int scmd_pt(FILE *f, int argc, char **argv)
 {
     if (argc != 3) {
-        fprintf(f, "error: need 2 arguments\n");
+        SPRINTF(f, "error: need 2 arguments\n");
         return -1;
     }
     bool add = strcmp(argv[1], "add") == 0;
@@ -433,7 +433,7 @@ int scmd_pt(FILE *f, int argc, char **argv)
     if (scmd_str_to_mac(f, argv[2], mac) != 0)
         return -1;
     if ((add ? sctl_add_protected_sta(mac) : sctl_removel_protected_sta(mac)) != 0) {
-        fprintf(f, "Failed\n");
+        SPRINTF(f, "Failed\n");
         return -1;
     }
     return 0;
@@ -442,7 +442,7 @@ int scmd_pt(FILE *f, int argc, char **argv)
 int scmd_ns(FILE *f, int argc, char **argv)
 {
     if (argc != 2) {
-        fprintf(f, "error: need 1 argument!\n");
+        SPRINTF(f, "error: need 1 argument!\n");
         return -1;
     }
     uint8_t mac[MAC_LEN];
@@ -450,15 +450,15 @@ int scmd_ns(FILE *f, int argc, char **argv)
         return -1;
     ssta_status_t *sta = ssta_find(mac);
     if (!sta) {
-        fprintf(f, "error: can't find " MAC_FMT "\n", MAC_ARG(mac));
+        SPRINTF(f, "error: can't find " MAC_FMT "\n", MAC_ARG(mac));
         return -1;
     }
     if (!scmd_managed(sta)) {
-        fprintf(f, "error: " MAC_FMT " is not associated\n", MAC_ARG(mac));
+        SPRINTF(f, "error: " MAC_FMT " is not associated\n", MAC_ARG(mac));
         return -1;
     }
     if (sns_start_measure(sta, nullptr) != 0) {
-        fprintf(f, "Failed\n");
+        SPRINTF(f, "Failed\n");
         return -1;
     }
     return 0;
@@ -523,15 +523,15 @@ void scmd_handler(int fd, int, void *)
     ssize_t n = read(fd, buf, SCMD_BUFF_SIZE - 1);
     bool run = false;
     if (n < 0)
-        fprintf(f, "error: cmd read failed for %s\n", strerror(errno));
+        SPRINTF(f, "error: cmd read failed for %s\n", strerror(errno));
     else if (n == SCMD_BUFF_SIZE - 1) {
-        fprintf(f, "error: the command is too long (more then %d)\n", SCMD_BUFF_SIZE - 1);
+        SPRINTF(f, "error: the command is too long (more then %d)\n", SCMD_BUFF_SIZE - 1);
         // The rest of that write is dropped too, not run as a command of its own.
         while (read(fd, buf, sizeof(buf)) > 0) {
         }
     }
     else if (n == 0)
-        fprintf(f, "error: empty command\n");
+        SPRINTF(f, "error: empty command\n");
     else
         run = true;
     if (run) {
@@ -540,7 +540,7 @@ void scmd_handler(int fd, int, void *)
         int ret = scmd_execute(f, buf);
         FILE *rf = fopen(SCMD_RET, "w+");
         if (rf) {
-            fprintf(rf, "%d", ret);
+            SPRINTF(rf, "%d", ret);
             fclose(rf);
         } else {
             LOG_ERROR("%s:%d, open %s failed", SCMD_RET);
@@ -574,7 +574,7 @@ int scmd_execute(FILE *f, char *line)
             line[i] = '\0';
         } else if (i > 0 && line[i - 1] == '\0') {
             if (argc == SCMD_MAX_ARGS) {
-                fprintf(f, "error: too many arguments(more then %d)\n", SCMD_MAX_ARGS);
+                SPRINTF(f, "error: too many arguments(more then %d)\n", SCMD_MAX_ARGS);
                 break;
             }
             argv[argc++] = &line[i];
@@ -615,7 +615,7 @@ int scmd_execute(FILE *f, char *line)
         return scmd_pt(f, argc, argv);
     if (strcmp(cmd, "ns") == 0)
         return scmd_ns(f, argc, argv);
-    fprintf(f, "error: unsupported command '%s'\n", cmd);
+    SPRINTF(f, "error: unsupported command '%s'\n", cmd);
     return -1;
 }
 
@@ -654,18 +654,18 @@ void scmd_exit()
 int scmd_help(FILE *f)
 {
     SASSERT(f);
-    fputs("Avaliable commands:\n", f);
-    fprintf(f, "\nddbg <0  ..%3d>             Set driver debug level, zero means no print\n", SCMD_DRV_DBG_MAX);
-    fprintf(f, "\ndsta                        Dump driver station status\n");
-    fprintf(f, "\ndradio                      Dump driver radio status\n");
-    fprintf(f, "\ndconf                       Dump driver configs\n");
-    fprintf(f, "\nconf                        Dump configurations\n");
-    fprintf(f, "\nol                          Show status of Offload Steering\n");
-    fprintf(f, "\nap                          Show status of AP\n");
-    fprintf(f, "\nsta [-l] [STA]              Show status of STA\n"
+    SPRINTF(f, "Avaliable commands:\n");
+    SPRINTF(f, "\nddbg <0  ..%3d>             Set driver debug level, zero means no print\n", SCMD_DRV_DBG_MAX);
+    SPRINTF(f, "\ndsta                        Dump driver station status\n");
+    SPRINTF(f, "\ndradio                      Dump driver radio status\n");
+    SPRINTF(f, "\ndconf                       Dump driver configs\n");
+    SPRINTF(f, "\nconf                        Dump configurations\n");
+    SPRINTF(f, "\nol                          Show status of Offload Steering\n");
+    SPRINTF(f, "\nap                          Show status of AP\n");
+    SPRINTF(f, "\nsta [-l] [STA]              Show status of STA\n"
                "        -l          Print detail informations\n"
                "        STA         Which station to print. If STA is not specified, all stations will be printed\n");
-    fprintf(f, "\nlog [OPTIONS]               Show current log levels if no option is given, otherwise set the "
+    SPRINTF(f, "\nlog [OPTIONS]               Show current log levels if no option is given, otherwise set the "
                "specified arguments\n"
                "        -t          Show time before each line\n"
                "        -T          Hide time before each line\n"
@@ -675,25 +675,25 @@ int scmd_help(FILE *f)
                "        -s<SIZE>    Set max size in byte of the log file. Older logs will be dropped when the log file "
                "reaches this size\n"
                "        -p<PATH>    Set the path where logs written. It can be 'stdout', file path, or terminal path\n");
-    fprintf(f, "\npt <add|del> <STA>          Add station to protect list or remove station from it\n"
+    SPRINTF(f, "\npt <add|del> <STA>          Add station to protect list or remove station from it\n"
                "        STA         Station to add or to remove\n"
                "        add         Add to the list, and don't steer this station\n"
                "        del         Remove from the list, and this station can be bandherded\n");
-    fprintf(f, "\nns <STA>                    Triger neighbor select process manually\n"
+    SPRINTF(f, "\nns <STA>                    Triger neighbor select process manually\n"
                "        STA         Which station to measure\n");
-    fprintf(f, "\nact [-t|-j] <STA> <BSSID>   Triger steering process manually\n"
+    SPRINTF(f, "\nact [-t|-j] <STA> <BSSID>   Triger steering process manually\n"
                "        STA         Which station to steer\n"
                "        BSSID       Target BSS to steer to\n"
                "        -t          Use BTM Steering only\n"
                "        -j          Use Backoff Steering only\n");
-    fprintf(f, "\nallow <STA> [BSSID]         Check whether steering for stations is allowed\n"
+    SPRINTF(f, "\nallow <STA> [BSSID]         Check whether steering for stations is allowed\n"
                "        STA         Which station to check\n"
                "        BSSID       Check whether the target BSSID is forbidden\n");
-    fprintf(f, "\nbr <STA> <SSID> <CHAN>      Send Radio Measurement Beacon Request to ask for a scan report\n"
+    SPRINTF(f, "\nbr <STA> <SSID> <CHAN>      Send Radio Measurement Beacon Request to ask for a scan report\n"
                "        STA         Which station to send to\n"
                "        SSID        ESSID that the reported BSS should match\n"
                "        CHAN        Working channel that the reported BSS should match\n");
-    fprintf(f, "\nbt <STA> <BSSID> <CHAN>     Send BSS Transition Request\n"
+    SPRINTF(f, "\nbt <STA> <BSSID> <CHAN>     Send BSS Transition Request\n"
                "        STA         Which station to send to\n"
                "        BSSID       BSSID of the prefered BSS\n"
                "        CHAN        Channel that the prefered BSS working on\n");
@@ -703,7 +703,7 @@ int scmd_help(FILE *f)
 int scmd_str_to_mac(FILE *f, const char *s, uint8_t *mac)
 {
     if (mac_scan(s, mac) != 0) {
-        fprintf(f, "error: invalid mac address '%s', should be 'xx:xx:xx:xx:xx:xx'\n", s);
+        SPRINTF(f, "error: invalid mac address '%s', should be 'xx:xx:xx:xx:xx:xx'\n", s);
         return -1;
     }
     return 0;

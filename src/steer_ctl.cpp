@@ -839,19 +839,19 @@ void sctl_print_sta(FILE *f, ssta_status_t *sta)
     SASSERT(sta);
     sctl_sta_t *sta_ctl = sctl_of(sta);
     SASSERT(sta_ctl);
-    fprintf(f, "sctl/protected: %d\n", sta_ctl->protected_);
+    SPRINTF(f, "sctl/protected: %d\n", sta_ctl->protected_);
     switch (sta_ctl->state) {
     case SCTL_STA_STATE_IDLE:
-        fprintf(f, "sctl/state: idle\n");
+        SPRINTF(f, "sctl/state: idle\n");
         break;
     case SCTL_STA_STATE_MEASURING:
-        fprintf(f, "sctl/state: measuring\n");
+        SPRINTF(f, "sctl/state: measuring\n");
         break;
     case SCTL_STA_STATE_STEERING:
-        fprintf(f, "sctl/state: steering\n");
+        SPRINTF(f, "sctl/state: steering\n");
         break;
     default:
-        fprintf(f, "sctl/state: unknown\n");
+        SPRINTF(f, "sctl/state: unknown\n");
         break;
     }
 }
@@ -862,6 +862,6 @@ void sctl_print_radio(FILE *f, sap_radio_t *radio)
     SASSERT(radio);
     sctl_radio_t *radio_ctl = sctl_radio_of(radio);
     SASSERT(radio_ctl);
-    fprintf(f, "overload: %d\n", radio_ctl->overload);
-    fprintf(f, "last_steer_time: %ld\n", static_cast<long>(radio_ctl->last_steer_time));
+    SPRINTF(f, "overload: %d\n", radio_ctl->overload);
+    SPRINTF(f, "last_steer_time: %ld\n", static_cast<long>(radio_ctl->last_steer_time));
 }

@@ -30,14 +30,14 @@ void slimit_dump_ph(FILE *f, const char *key, slimit_ph_bss_t *ph)
 {
     if (ph->ph_short.level == 0 && ph->ph_long.level == 0)
         return;
-    fprintf(f, "    %s, prohibit_level(short/long): %d/%d", key, ph->ph_short.level, ph->ph_long.level);
+    SPRINTF(f, "    %s, prohibit_level(short/long): %d/%d", key, ph->ph_short.level, ph->ph_long.level);
     if (ph->ph_short.expire <= g_time && ph->ph_long.expire <= g_time) {
         fputc('\n', f);
         return;
     }
     long left_short = ph->ph_short.expire > g_time ? static_cast<long>(ph->ph_short.expire - g_time) : 0;
     long left_long = ph->ph_long.expire > g_time ? static_cast<long>(ph->ph_long.expire - g_time) : 0;
-    fprintf(f, ", left_prohibit_time(short/long): %ld/%ld senconds\n", left_short, left_long);
+    SPRINTF(f, ", left_prohibit_time(short/long): %ld/%ld senconds\n", left_short, left_long);
 }
 
 }  // namespace
@@ -176,10 +176,10 @@ void slimit_dump_conf(FILE *f, slimit_conf_t *conf)
     SASSERT(f);
     SASSERT(conf);
     if (conf->interval || conf->burst)
-        fprintf(f, "    frequence: allow %d times in %d seconds\n", conf->burst, conf->interval);
-    fprintf(f, "    short_prohibit: %d*%d^x, up to %d seconds\n", conf->ph_short.factor, conf->ph_short.base,
+        SPRINTF(f, "    frequence: allow %d times in %d seconds\n", conf->burst, conf->interval);
+    SPRINTF(f, "    short_prohibit: %d*%d^x, up to %d seconds\n", conf->ph_short.factor, conf->ph_short.base,
             conf->ph_short.max);
-    fprintf(f, "    long_prohibit: %d*%d^x, up to %d seconds\n", conf->ph_long.factor, conf->ph_long.base,
+    SPRINTF(f, "    long_prohibit: %d*%d^x, up to %d seconds\n", conf->ph_long.factor, conf->ph_long.base,
             conf->ph_long.max);
 }
 
@@ -188,7 +188,7 @@ void slimit_dump_info(FILE *f, slimit_info_t *info)
     SASSERT(f);
     SASSERT(info);
     if (info->slot_begin != 0)
-        fprintf(f, "    has triggered %d times in %ld seconds\n", info->slot_times,
+        SPRINTF(f, "    has triggered %d times in %ld seconds\n", info->slot_times,
                 static_cast<long>(g_time - info->slot_begin));
     char key[18];
     snprintf(key, sizeof(key), "%-17s", "ALL_BSS");

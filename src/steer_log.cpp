@@ -119,7 +119,13 @@ const char *slog_get_level_name(int level)
     return s_level_names[level];
 }
 
-void slog_log(int level, const char *fmt, ...)
+namespace {
+
+int slog_file_at(const char *file, const char *func, int line, const char *fmt, va_list ap);
+
+// A line of `level`: `fmt` with `ap`, after "<func>:<line>, " when `func` is
+// given (the prefix of a call site's format).
+void slog_vlog(int level, const char *func, int line, const char *fmt, va_list ap)
 {
     SASSERT(fmt);
 
@@ -138,17 +144,15 @@ void slog_log(int level, const char *fmt, ...)
         slog_print_time(s_output);
     fprintf(s_output, "%s ", slog_get_level_name(level));
 
-    va_list ap;
-    va_start(ap, fmt);
     if (level == SLOG_STEER) {
         // The record goes to the steering log; the prefix stays on the output
         // and the next line continues it.
-        slog_file(STEER_LOG_FILE, fmt, ap);
-        va_end(ap);
+        slog_file_at(STEER_LOG_FILE, func, line, fmt, ap);
         return;
     }
+    if (func)
+        fprintf(s_output, SLOG_PREFIX, func, line);
     vfprintf(s_output, fmt, ap);
-    va_end(ap);
 
     if (coloured)
         fputs("\033[0m", s_output);
@@ -161,10 +165,45 @@ void slog_log(int level, const char *fmt, ...)
     }
 }
 
+}  // namespace
+
+void slog_log(int level, const char *fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    slog_vlog(level, nullptr, 0, fmt, ap);
+    va_end(ap);
+}
+
+void slog_site_log(const char *func, const slog_site_t *site, ...)
+{
+    SASSERT(site);
+    char fmt[SLOG_TEXT_MAX];
+    slog_unpack(reinterpret_cast<const char *>(site + 1), fmt);
+    va_list ap;
+    va_start(ap, site);
+    slog_vlog(site->level, func, site->line[0] | site->line[1] << 8, fmt, ap);
+    va_end(ap);
+}
+
+int slog_fprintf(FILE *f, const char *packed_fmt, ...)
+{
+    char fmt[SLOG_TEXT_MAX];
+    slog_unpack(packed_fmt, fmt);
+    va_list ap;
+    va_start(ap, packed_fmt);
+    int n = vfprintf(f, fmt, ap);
+    va_end(ap);
+    return n;
+}
+
 bool slog_refuse(int level, const char *func, int line, const char *expr)
 {
-    if (level >= SLOG_ERROR)
-        slog_log(SLOG_ERROR, "%s:%d, '%s' is not satisfied", func, line, expr);
+    if (level >= SLOG_ERROR) {
+        char text[SLOG_TEXT_MAX];
+        slog_unpack(expr, text);
+        slog_log(SLOG_ERROR, "%s:%d, '%s' is not satisfied", func, line, text);
+    }
     return true;
 }
 
@@ -262,6 +301,14 @@ int slog_set_path(const char *path)
 
 int slog_file(const char *file, const char *fmt, va_list ap)
 {
+    return slog_file_at(file, nullptr, 0, fmt, ap);
+}
+
+namespace {
+
+// slog_file, after "<func>:<line>, " when `func` is given.
+int slog_file_at(const char *file, const char *func, int line, const char *fmt, va_list ap)
+{
     // A va_list cannot be tested for null portably; the file and the format can.
     if (!file || !fmt)
         return -1;
@@ -281,7 +328,11 @@ int slog_file(const char *file, const char *fmt, va_list ap)
         return 0;
 
     slog_print_time(f);
+    if (func)
+        fprintf(f, SLOG_PREFIX, func, line);
     vfprintf(f, fmt, ap);
     fclose(f);
     return 0;
 }
+
+}  // namespace

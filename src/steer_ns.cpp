@@ -564,28 +564,28 @@ void sns_print_sta(FILE *f, ssta_status_t *sta, bool detail)
     SASSERT(sta);
     sns_status_t *ns = sns_of(sta);
     SASSERT(ns);
-    fprintf(f, "sns/measuring: %d\n", ns->measuring);
-    fprintf(f, "sns/abnormal_rcpi: %d\n", ns->abnormal_rcpi);
-    fprintf(f, "sns/measure_allowed: %d\n", sns_measure_allowed(sta));
+    SPRINTF(f, "sns/measuring: %d\n", ns->measuring);
+    SPRINTF(f, "sns/abnormal_rcpi: %d\n", ns->abnormal_rcpi);
+    SPRINTF(f, "sns/measure_allowed: %d\n", sns_measure_allowed(sta));
     if (detail) {
-        fprintf(f, "sns/measure_time: %ld\n", static_cast<long>(ns->measure_time));
-        fprintf(f, "sns/measure_count: %d\n", ns->measure_count);
+        SPRINTF(f, "sns/measure_time: %ld\n", static_cast<long>(ns->measure_time));
+        SPRINTF(f, "sns/measure_count: %d\n", ns->measure_count);
     }
 }
 
 void sns_dump_config(FILE *f)
 {
     SASSERT(f);
-    fprintf(f, "ssta_2: %d\n", s_conf.ssta_2);
-    fprintf(f, "ssta_5: %d\n", s_conf.ssta_5);
-    fprintf(f, "best_cand_reconfirm: %d\n", s_conf.best_cand_reconfirm);
-    fprintf(f, "full_measure: %d\n", s_conf.full_measure);
-    fprintf(f, "rcpi_trans: %d\n", s_conf.rcpi_trans);
-    fprintf(f, "rcpi_estimate: %d\n", s_conf.rcpi_estimate);
-    fprintf(f, "br_timeout: %d\n", s_conf.br_timeout);
-    fprintf(f, "br_burst: %d\n", s_conf.br_burst);
-    fprintf(f, "br_interval: %d\n", s_conf.br_interval);
-    fprintf(f, "ap_safe_rssi_5: %d\n", s_conf.ap_safe_rssi_5);
-    fprintf(f, "ap_tg_ratio: %d\n", s_conf.ap_tg_ratio);
-    fprintf(f, "rssi_delta: %d\n", s_conf.rssi_delta);
+    SPRINTF(f, "ssta_2: %d\n", s_conf.ssta_2);
+    SPRINTF(f, "ssta_5: %d\n", s_conf.ssta_5);
+    SPRINTF(f, "best_cand_reconfirm: %d\n", s_conf.best_cand_reconfirm);
+    SPRINTF(f, "full_measure: %d\n", s_conf.full_measure);
+    SPRINTF(f, "rcpi_trans: %d\n", s_conf.rcpi_trans);
+    SPRINTF(f, "rcpi_estimate: %d\n", s_conf.rcpi_estimate);
+    SPRINTF(f, "br_timeout: %d\n", s_conf.br_timeout);
+    SPRINTF(f, "br_burst: %d\n", s_conf.br_burst);
+    SPRINTF(f, "br_interval: %d\n", s_conf.br_interval);
+    SPRINTF(f, "ap_safe_rssi_5: %d\n", s_conf.ap_safe_rssi_5);
+    SPRINTF(f, "ap_tg_ratio: %d\n", s_conf.ap_tg_ratio);
+    SPRINTF(f, "rssi_delta: %d\n", s_conf.rssi_delta);
 }

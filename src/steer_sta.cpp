@@ -460,17 +460,17 @@ void ssta_print(FILE *f, ssta_status_t *sta)
 {
     SASSERT(f);
     SASSERT(sta);
-    fprintf(f, "\n[" MAC_FMT "]\n", MAC_ARG(sta->mac));
-    fprintf(f, "ssta/is_associated: %d\n", sta->associated);
-    fprintf(f, "ssta/associated_bss: BSS%d\n", sta->bss_index);
-    fprintf(f, "ssta/supported_bands: %s%s%s%s\n", (sta->bands & MAPS_2G) ? "2G " : "",
+    SPRINTF(f, "\n[" MAC_FMT "]\n", MAC_ARG(sta->mac));
+    SPRINTF(f, "ssta/is_associated: %d\n", sta->associated);
+    SPRINTF(f, "ssta/associated_bss: BSS%d\n", sta->bss_index);
+    SPRINTF(f, "ssta/supported_bands: %s%s%s%s\n", (sta->bands & MAPS_2G) ? "2G " : "",
             (sta->bands & MAPS_5L) ? "5G_low " : "", (sta->bands & MAPS_5H) ? "5G_high " : "",
             (sta->bands & MAPS_6G) ? "6G " : "");
-    fprintf(f, "ssta/capabilities: %s%s%s%s%s\n", (sta->caps & MAPS_CAP_HT) ? "HT " : "",
+    SPRINTF(f, "ssta/capabilities: %s%s%s%s%s\n", (sta->caps & MAPS_CAP_HT) ? "HT " : "",
             (sta->caps & MAPS_CAP_VHT) ? "VHT " : "", (sta->caps & MAPS_CAP_HE) ? "HE " : "",
             (sta->caps & MAPS_CAP_BTM) ? "BTM " : "", (sta->caps & MAPS_CAP_RRM) ? "RRM " : "");
-    fprintf(f, "ssta/rssi: %ddBm\n", sta->rssi);
-    fprintf(f, "ssta/is_active: %d\n", sta->active);
-    fprintf(f, "ssta/spatial_streams: %d\n", sta->streams);
-    fprintf(f, "ssta/media_utilization: %d%%\n", sta->load);
+    SPRINTF(f, "ssta/rssi: %ddBm\n", sta->rssi);
+    SPRINTF(f, "ssta/is_active: %d\n", sta->active);
+    SPRINTF(f, "ssta/spatial_streams: %d\n", sta->streams);
+    SPRINTF(f, "ssta/media_utilization: %d%%\n", sta->load);
 }

@@ -8,6 +8,8 @@ import contextlib
 import shutil
 import socket
 import struct
+import subprocess
+import sys
 import tempfile
 import threading
 import time
@@ -119,6 +121,13 @@ class NetlinkEnd:
 
     def close(self):
         self.sock.close()
+
+
+def lab_cli(lab_dir, *args, timeout=60, **kw):
+    """The lab's command line on a lab directory: the finished process, its output as text."""
+    from lab.sandbox import REPO
+    return subprocess.run([sys.executable, "-m", "lab", "--dir", str(lab_dir), *args], cwd=REPO,
+                          capture_output=True, text=True, timeout=timeout, **kw)
 
 
 def uwb(node_dir, line):

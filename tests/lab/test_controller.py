@@ -16,17 +16,12 @@ import pytest
 from lab import netns
 from lab.controller import Lab, LabError
 from lab.sandbox import REPO, wait_until
-from standins import BROADCAST, NetlinkEnd, SteerSocket, event_message, message, ping_message, weft_send
+from standins import BROADCAST, lab_cli, NetlinkEnd, SteerSocket, event_message, message, ping_message, weft_send
 
 TWO = REPO / "lab" / "topologies" / "two-node.json"
 THREE = REPO / "lab" / "topologies" / "three-node.json"
 A_ID, B_ID = "02:00:00:00:0a:00", "02:00:00:00:0b:00"
 STA = "02:aa:00:00:00:07"
-
-
-def lab_cli(lab_dir, *args, timeout=60, **kw):
-    return subprocess.run([sys.executable, "-m", "lab", "--dir", str(lab_dir), *args], cwd=REPO,
-                          capture_output=True, text=True, timeout=timeout, **kw)
 
 
 @pytest.fixture

@@ -1,15 +1,9 @@
 """Faults over a running three-node mesh: garbage on every node's driver channel (as the driver and
-from foreign sockets) and mesh socket (straight, and through the relay), connections left idle or
-cut half-way, the relay killed and started again, a daemon restarted twenty times, a restart
-request while the mesh is partitioned, and the partition healed.
-
-After each, every daemon runs (or restarted exactly as designed), answers the operator's command,
-holds the descriptors it held at the start (none left open by what it was sent) and, across
-rounds of the same input, does not grow its private memory beyond a stated slack.
-
-One lab serves the module; the tests run in the file's order, each leaving every daemon running,
-the slow one (a restart request waits 15 s, heartbeats come every 20 s) last.
-"""
+from foreign sockets) and mesh socket (straight and through the relay), connections left idle or
+cut half-way, the relay killed and restarted, a daemon restarted twenty times, a restart request
+during a partition, and the partition healed. After each, every daemon runs, answers the operator,
+holds the descriptors it held at the start and, across rounds of the same input, keeps its private
+memory within a stated slack. One lab serves the module; the tests run in the file's order."""
 
 import itertools
 import json
@@ -32,21 +26,20 @@ from lab.sandbox import REPO
 from lab.topology import BROADCAST
 from lab.wire import (BEACON_REP_SIZE, DAEMON_PORT, EV, HEADER_SIZE, MAGIC, NLMSG_HEADER, mac_bytes,
                       radio_payload, sta_payload)
+from standins import weft_send
 
 TOPOLOGY = REPO / "lab" / "topologies" / "three-node.json"
 NODES = ("A", "B", "C")
 ROUNDS = 6                  # the first two warm the heap up; the others must not grow it
 WARMUP = 2
-# How much Private_Dirty may grow over the rounds after the warm-up. The driver's garbage leaves
-# the daemon's memory as it was, to the page; the mesh's moves it by a page or two as the steering
-# sessions it starts come and go. A leak of 14 bytes a mesh message (a round sends some 1100 to
-# each node) or 20 bytes a driver datagram (some 200) goes beyond.
+# How much Private_Dirty may grow after the warm-up: the driver's garbage leaves it as it was, the
+# mesh's steering sessions move it by a page or two. A leak of 14 bytes a mesh message (some 1100 a
+# round) or 20 bytes a driver datagram (some 200) goes beyond.
 DRIVER_SLACK_KB = 16
 MESH_SLACK_KB = 64
 FAKE_NODE = "02:00:00:00:0f:00"     # the sender of the mesh garbage: no node of the lab
-# The C library's allocator serves blocks from 4 KiB up by their own mappings, returned when
-# freed (by default the limit moves up to the largest block freed, and big messages would then
-# raise the heap's high-water mark at random): what stays is what the daemon keeps.
+# Blocks from 4 KiB up get mappings of their own, returned when freed (by default the threshold
+# moves up with the largest block freed and big messages raise the heap at random).
 DAEMON_ENV = {"GLIBC_TUNABLES": "glibc.malloc.mmap_threshold=4096"}
 
 # -- what the daemons answer with ---------------------------------------------------------------
@@ -228,9 +221,10 @@ class Mesh:
     def log(self, name, since=0):
         return self.lab.log(name)[since:]
 
-    def rejections(self, name, since=0):
+    def rejections(self, name, since=0, foreign=True):
         """The daemon's error and warning lines past character `since`: [(function, text)]."""
-        return [(m["func"], m["text"]) for m in REJECTED.finditer(self.log(name, since))]
+        return [(m["func"], m["text"]) for m in REJECTED.finditer(self.log(name, since))
+                if foreign or m["func"] != "sdrv_drop_foreign"]
 
     def table(self, name):
         """The lab's nodes in `name`'s neighbour table (the mesh garbage's sender left aside)."""
@@ -283,12 +277,12 @@ def mesh(bandherd):
         shutil.rmtree(lab_dir, ignore_errors=True)
 
 
-def send_as_driver(lab, name, data):
-    """Sends `data` from the driver double's socket, waiting while the daemon's queue is full."""
+def patiently(call):
+    """call(), again while the daemon's queue or backlog is full (BlockingIOError), up to 10 s."""
     deadline = time.monotonic() + 10
     while True:
         try:
-            return lab.driver(name).send_raw(data)
+            return call()
         except BlockingIOError:
             if time.monotonic() > deadline:
                 raise
@@ -309,6 +303,13 @@ def foreign_sockets(lab, name):
 
 def counts(rejections, reasons):
     return {r: sum(1 for _, text in rejections if re.match(r, text)) for r in reasons}
+
+
+def held_within(memory, slack, what):
+    """Each round's Private_Dirty (kB) per node grew by at most `slack` after the warm-up."""
+    print(f"{what}, Private_Dirty kB by round:", memory)
+    for name in NODES:
+        assert memory[-1][name] - memory[WARMUP - 1][name] <= slack, (name, memory)
 
 
 def largest_power_of_two(n):
@@ -337,11 +338,10 @@ def test_driver_garbage_as_the_driver_and_from_foreign_sockets_is_dropped_with_a
             mesh.foreign[pid] = mesh.foreign.get(pid, 0) + len(DRIVER_GARBAGE) * len(senders)
             # The same bytes from the driver are each dropped for what they are.
             for _, data, _ in DRIVER_GARBAGE:
-                send_as_driver(lab, name, data)
-            lab.wait_for(lambda: len([r for r in mesh.rejections(name, since) if r[0] != "sdrv_drop_foreign"])
-                         >= len(DRIVER_GARBAGE), 10)
-            found = [r for r in mesh.rejections(name, since) if r[0] != "sdrv_drop_foreign"]
+                patiently(lambda: lab.driver(name).send_raw(data))
+            lab.wait_for(lambda: len(mesh.rejections(name, since, False)) >= len(DRIVER_GARBAGE), 10)
             # One line each (the foreign ones are not among them), and the reasons tables give.
+            found = mesh.rejections(name, since, False)
             assert len(found) == len(DRIVER_GARBAGE), found
             got = counts(found, reasons)
             assert all(got[r] >= n for r, n in expected.items()), (got, expected)
@@ -349,10 +349,7 @@ def test_driver_garbage_as_the_driver_and_from_foreign_sockets_is_dropped_with_a
             told = [int(n) for n in FOREIGN.findall(lab.log(name))]
             assert told and max(told) == largest_power_of_two(mesh.foreign[pid]), (told, mesh.foreign[pid])
         memory.append(mesh.healthy())
-    for name in NODES:
-        grown = memory[-1][name] - memory[WARMUP - 1][name]
-        assert grown <= DRIVER_SLACK_KB, f"{name} grew by {grown} kB over {ROUNDS - WARMUP} rounds: {memory}"
-    print("driver garbage, Private_Dirty kB by round:", memory)
+    held_within(memory, DRIVER_SLACK_KB, "driver garbage")
 
 
 IDLE = 100          # connections opened and left quiet, per node
@@ -364,15 +361,7 @@ def steer_send(lab, name, data, close=True):
     """One connection to a node's /var/steer_socket carrying `data`, as the mesh daemon delivers."""
     s = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
     s.settimeout(10)
-    deadline = time.monotonic() + 10
-    while True:
-        try:
-            s.connect(str(lab.node_dir(name) / "steer_socket"))
-            break
-        except BlockingIOError:         # its backlog is full: wait until it has accepted
-            if time.monotonic() > deadline:
-                raise
-            time.sleep(0.002)
+    patiently(lambda: s.connect(str(lab.node_dir(name) / "steer_socket")))
     s.sendall(data)
     if close:
         s.close()
@@ -400,14 +389,6 @@ def deliver(mesh, name, messages, batch=OPEN_LIMIT // 2):
                 f.seek(since)
                 return said in f.read()
         mesh.lab.wait_for(lambda: read() and fd_count(pid) == mesh.fds[name], 10, step=0.002)
-
-
-def weft_send(lab, name, data):
-    """One connection to the relay's socket in node `name`, as a daemon sends."""
-    with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as s:
-        s.settimeout(10)
-        s.connect(str(lab.node_dir(name) / "weft_socket"))
-        s.sendall(data)
 
 
 # Through the relay: what it drops itself, and what it hands to every node.
@@ -445,10 +426,8 @@ def test_mesh_garbage_straight_and_through_the_relay_and_connections_left_idle_o
             deliver(mesh, name, [replay])       # a batch of its own: within one the order may change
             assert mesh.id(other) in mesh.table(name)
         sender, seen = NODES[n % len(NODES)], len(lab.relay.messages())
-        for data, _ in RELAY_DROPS:
-            weft_send(lab, sender, data)
-        for _, data, _ in RELAYED:
-            weft_send(lab, sender, TRANSPORT_HEADER + data)
+        for data in [d for d, _ in RELAY_DROPS] + [TRANSPORT_HEADER + d for _, d, _ in RELAYED]:
+            weft_send(lab.node_dir(sender), data, header=b"")
         def ours():
             recs = lab.relay.messages()[seen:]
             # (The daemons' answers to the garbage's sender are dropped too: no node has its id.)
@@ -481,10 +460,7 @@ def test_mesh_garbage_straight_and_through_the_relay_and_connections_left_idle_o
             for s in held:
                 s.close()
         memory.append(mesh.healthy())
-    for name in NODES:
-        grown = memory[-1][name] - memory[WARMUP - 1][name]
-        assert grown <= MESH_SLACK_KB, f"{name} grew by {grown} kB over {ROUNDS - WARMUP} rounds: {memory}"
-    print("mesh garbage, Private_Dirty kB by round:", memory)
+    held_within(memory, MESH_SLACK_KB, "mesh garbage")
 
 
 def announced_to_the_others(mesh, name, sta):

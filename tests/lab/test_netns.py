@@ -16,6 +16,7 @@ import pytest
 
 from lab import netns, topology
 from lab.sandbox import REPO, wait_until
+from standins import lab_cli
 
 TOPOLOGY = REPO / "lab" / "topologies" / "three-node.json"
 NOBODY = ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", "env", "HOME=/tmp"]
@@ -130,11 +131,6 @@ def test_down_leaves_no_process_namespace_or_mount(lab_dir):
             os.close(fd)
     assert not (lab_dir / "pids.json").exists()
     assert Path("/proc/self/mountinfo").read_text() == mounts
-
-
-def lab_cli(lab_dir, *args, **kw):
-    return subprocess.run([sys.executable, "-m", "lab", "--dir", str(lab_dir), *args], cwd=REPO,
-                          capture_output=True, text=True, timeout=60, **kw)
 
 
 def test_down_cleans_up_after_a_killed_controller(lab_dir):

@@ -1,12 +1,7 @@
-"""Steering by hand in a three-node mesh of real daemons, driven through the
-operator's command FIFO (tools/steer_cli.sh inside a node) and observed on the
-driver doubles (requests, kicks, block records), the mesh relay and the
-steering log. The station's side is played here with driver events: it
-answers the BSS transition request, leaves, is refused, joins.
-
-The configurable times are short: BTM and Backoff give up after 7 s, the
-neighbours have 3 s to answer, a first short prohibition lasts 4 s.
-"""
+"""Steering by hand in a three-node mesh of real daemons, driven through the operator's command
+FIFO (tools/steer_cli.sh in a node) and observed on the driver doubles, the mesh relay and the
+steering log. The configurable times are short: BTM and Backoff give up after 7 s, the neighbours
+have 3 s to answer, a first short prohibition lasts 4 s."""
 
 import re
 import shutil
@@ -20,12 +15,11 @@ from pathlib import Path
 import pytest
 
 from lab.controller import Lab
+from lab.sandbox import REPO
 
 pytestmark = pytest.mark.lasts(50)
 
-REPO = Path(__file__).resolve().parents[2]
 TOPOLOGY = REPO / "lab" / "topologies" / "three-node.json"
-CLI = str(REPO / "tools" / "steer_cli.sh")
 SETTINGS = {
     "bandherd.log_level": 5,
     "bandherd.btm_timeout": 7,
@@ -53,12 +47,6 @@ def lab(bandherd, steering_report):
         steering_report(lab)
         lab.down()
         shutil.rmtree(lab_dir, ignore_errors=True)
-
-
-def cli(lab, node, *args):
-    p = lab.run(node, ["sh", CLI, *args], stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
-    out, _ = p.communicate(timeout=30)
-    return p.returncode, out.decode()
 
 
 def mac(n):
@@ -114,7 +102,7 @@ def requests(lab, node, sta):
 
 def test_btm_within_a_node_moves_an_obeying_station_with_one_request(lab):
     sta = station(lab, 1)
-    assert cli(lab, "A", "act", "-t", sta, A_5) == (0, "")
+    assert lab.cli("A", "act", "-t", sta, A_5) == (0, "")
     settle(lab, sta, ("A", "wlan1"))
     ready = lab.relay.messages(type="SBTM_READY")
     assert {m["sender"] for m in ready if m["body"]["sta"] == sta} == {"B", "C"}
@@ -131,7 +119,7 @@ def test_btm_within_a_node_moves_an_obeying_station_with_one_request(lab):
 
 def test_btm_across_nodes_hands_the_station_to_the_target_node(lab):
     sta = station(lab, 2)
-    assert cli(lab, "A", "act", "-t", sta, B_5) == (0, "")
+    assert lab.cli("A", "act", "-t", sta, B_5) == (0, "")
     settle(lab, sta, ("B", "wlan1"))
     lab.wait_log("A", r"BTM steer " + re.escape(sta) + " to BSS " + re.escape(B_5) + " success, notified by")
     finish = [m for m in lab.relay.messages(type="SBTM_FINISH") if m["body"]["sta"] == sta]
@@ -142,7 +130,7 @@ def test_btm_across_nodes_hands_the_station_to_the_target_node(lab):
 
 def test_a_station_without_btm_is_blocked_everywhere_but_the_target_and_kicked(lab):
     sta = station(lab, 3, caps=HT)
-    assert cli(lab, "A", "act", sta, B_5) == (0, "")
+    assert lab.cli("A", "act", sta, B_5) == (0, "")
     settle(lab, sta, ("B", "wlan1"))
     assert not requests(lab, "A", sta)
     sets = {n: [(c["fields"]["mode"], c["fields"]["block_bss"]) for c in lab.driver(n).commands("SET_STA")
@@ -158,12 +146,12 @@ def test_a_station_without_btm_is_blocked_everywhere_but_the_target_and_kicked(l
 
 def test_a_rejecting_station_is_prohibited_for_the_short_time_then_moved_by_backoff(lab):
     sta = station(lab, 4, btm="reject")
-    assert cli(lab, "A", "act", "-t", sta, A_5)[0] == 0
+    assert lab.cli("A", "act", "-t", sta, A_5)[0] == 0
     lab.wait_for(lambda: f"[steer result] sta {sta} steer to bss {A_5} FAIL" in steer_log(lab, "A"))
     assert "btm_response" in whats(lab, sta) and lab.world.where(sta) == ("A", "wlan0")
-    assert cli(lab, "A", "allow", sta, A_5) == (0, "sact_allowed: Yes\nsbtm_allowed: No\nsboff_allowed: Yes\n")
-    lab.wait_for(lambda: "sbtm_allowed: Yes" in cli(lab, "A", "allow", sta, A_5)[1], 8.0)
-    assert cli(lab, "A", "act", sta, A_5) == (0, "")  # rejected again, then Backoff
+    assert lab.cli("A", "allow", sta, A_5) == (0, "sact_allowed: Yes\nsbtm_allowed: No\nsboff_allowed: Yes\n")
+    lab.wait_for(lambda: "sbtm_allowed: Yes" in lab.cli("A", "allow", sta, A_5)[1], 8.0)
+    assert lab.cli("A", "act", sta, A_5) == (0, "")  # rejected again, then Backoff
     settle(lab, sta, ("A", "wlan1"))
     assert whats(lab, sta).count("btm_response") == 2 and "kicked" in whats(lab, sta)
 
@@ -171,7 +159,7 @@ def test_a_rejecting_station_is_prohibited_for_the_short_time_then_moved_by_back
 def test_an_ignoring_station_times_out_and_falls_back(lab):
     sta = station(lab, 5, btm="ignore")
     started = time.monotonic()
-    assert cli(lab, "A", "act", sta, A_5)[0] == 0
+    assert lab.cli("A", "act", sta, A_5)[0] == 0
     settle(lab, sta, ("A", "wlan1"))
     assert time.monotonic() - started >= 3  # the station had its time to move (7 - 3 s)
     lab.wait_log("A", re.escape(sta) + " has never left, abort steering")
@@ -180,14 +168,14 @@ def test_an_ignoring_station_times_out_and_falls_back(lab):
 
 def test_a_sticky_station_that_returns_is_not_steered_back_and_forth(lab):
     sta = station(lab, 6, btm="sticky")
-    assert cli(lab, "A", "act", sta, A_5)[0] == 0  # the action layer keeps the session
+    assert lab.cli("A", "act", sta, A_5)[0] == 0  # the action layer keeps the session
     lab.wait_for(lambda: whats(lab, sta).count("join") == 3, 20.0)  # there and back
     assert lab.world.where(sta) == ("A", "wlan0")
     lab.wait_log("A", re.escape(sta) + " roams back to the previous serving bss " + re.escape(A_24))
     lab.wait_log("A", "forbid to steer " + re.escape(sta) + " to " + re.escape(A_5))
     # The controller asks before it steers; the operator sees the same answer.
-    assert cli(lab, "A", "allow", sta, A_5)[1].startswith("sact_allowed: No\n")
-    lab.wait_for(lambda: cli(lab, "A", "allow", sta, A_5)[1].startswith("sact_allowed: Yes\n"), 8.0)
+    assert lab.cli("A", "allow", sta, A_5)[1].startswith("sact_allowed: No\n")
+    lab.wait_for(lambda: lab.cli("A", "allow", sta, A_5)[1].startswith("sact_allowed: Yes\n"), 8.0)
 
 
 def test_faults_end_every_steer_by_its_time_outs(lab):
@@ -196,7 +184,7 @@ def test_faults_end_every_steer_by_its_time_outs(lab):
     sta = station(lab, 7, caps=HT)
     lab.relay.partition(["A"], ["B", "C"])
     try:
-        assert cli(lab, "A", "act", sta, A_5) == (0, "")
+        assert lab.cli("A", "act", sta, A_5) == (0, "")
         lab.wait_log("A", "sync for " + re.escape(sta) + " timeout")
         lab.wait_for(lambda: lab.world.where(sta) == ("A", "wlan1"), 20.0)
     finally:
@@ -206,7 +194,7 @@ def test_faults_end_every_steer_by_its_time_outs(lab):
     lab.relay.loss(0.3)
     try:
         for sta in lossy:
-            assert cli(lab, "A", "act", sta, B_5) == (0, "")
+            assert lab.cli("A", "act", sta, B_5) == (0, "")
         for sta in lossy:
             lab.wait_for(lambda sta=sta: "[steer result] sta " + sta in steer_log(lab, "A")
                          or re.search(r"Backoff Steer(ing)? (for )?" + re.escape(sta), lab.log("A"))
@@ -215,7 +203,7 @@ def test_faults_end_every_steer_by_its_time_outs(lab):
         lab.relay.loss(0)
     # C killed in the middle of a steer to it: every node lets the station go by its time-outs.
     dead = station(lab, 10, caps=HT)
-    assert cli(lab, "A", "act", dead, C_5) == (0, "")
+    assert lab.cli("A", "act", dead, C_5) == (0, "")
     lab.stop_daemon("C", signal.SIGKILL)
     lab.wait_for(lambda: "kicked" in whats(lab, dead) and lab.world.where(dead) is not None, 20.0)
     for n in ("A", "B"):
@@ -261,32 +249,32 @@ COMMAND_ERRORS = [
 
 def test_every_command_error_is_one_line_and_a_failure(lab):
     for args, text in COMMAND_ERRORS:
-        assert cli(lab, "A", *args) == (1, text), args
+        assert lab.cli("A", *args) == (1, text), args
     assert "ready to block" not in lab.log("B")  # nothing was started by them
 
 
 def test_beacon_and_transition_requests_by_hand(lab):
     sta = mac(1)  # on A's 5 GHz BSS since the first test
-    assert cli(lab, "A", "br", sta, "herd", "6") == (0, "")
+    assert lab.cli("A", "br", sta, "herd", "6") == (0, "")
     assert [c["args"] for c in lab.driver("A").calls("beacon_req")][-1]["sta"] == sta
-    assert cli(lab, "A", "bt", sta, A_24, "6") == (0, "")
+    assert lab.cli("A", "bt", sta, A_24, "6") == (0, "")
     lab.wait_for(lambda: lab.world.where(sta) == ("A", "wlan0"), 20.0)
 
 
 def test_command_channel_edges(lab):
-    rc, out = cli(lab, "A", "help")
+    rc, out = lab.cli("A", "help")
     assert rc == 0 and out.startswith("Avaliable commands:\n\nddbg <0  ..  3>") and out.endswith(
         "        CHAN        Channel that the prefered BSS working on\n")
-    rc, out = cli(lab, "A", "sta", "-l")
+    rc, out = lab.cli("A", "sta", "-l")
     assert rc == 0 and "sbtm/state: idle" in out
     known = int(re.search(r"recorded sta count: (\d+)\n$", out).group(1))
     assert out.count("sbtm/state:") == known
     # Separators: several blanks and tabs; 126 bytes run, 127 do not; 17 words run as 15.
-    assert cli(lab, "A", "log", "\t-l", "  4") == (0, "")
+    assert lab.cli("A", "log", "\t-l", "  4") == (0, "")
     cmd = "log -l 4" + " " * 118
-    assert len(cmd) == 126 and cli(lab, "A", cmd) == (0, "")
-    assert cli(lab, "A", cmd + " ") == (1, "error: the command is too long (more then 127)\n")
-    rc, out = cli(lab, "A", "sta", *["-l"] * 16)
+    assert len(cmd) == 126 and lab.cli("A", cmd) == (0, "")
+    assert lab.cli("A", cmd + " ") == (1, "error: the command is too long (more then 127)\n")
+    rc, out = lab.cli("A", "sta", *["-l"] * 16)
     assert out.startswith("error: too many arguments(more then 15)\ncurrent time:")
     # A leading blank makes the first word empty; straight into the FIFO, with
     # nobody reading the output, the answer lands on the daemon's output.
@@ -298,7 +286,7 @@ def test_command_channel_edges(lab):
         lab.driver("A").sta_event("join", mac(0x40 + i), 1, rssi=-60, caps=BTM | HT)
         if i % 10 == 9:
             lab.wait_log("A", re.escape(mac(0x40 + i)) + " associate bss1")
-    rc, out = cli(lab, "A", "sta", "-l")
+    rc, out = lab.cli("A", "sta", "-l")
     assert rc == 0 and len(out) > 65536 and out.count("sbtm/state:") == known + 100
 
 
@@ -312,6 +300,6 @@ def test_the_lab_command_line_runs_the_front_end_in_a_node(lab):
 def test_without_a_daemon_the_front_end_says_so(lab):
     lab.stop_daemon("B")
     started = time.monotonic()
-    rc, out = cli(lab, "B", "help")
+    rc, out = lab.cli("B", "help")
     assert (rc, out) == (1, "steer_cli.sh: bandherd is not running\n")
     assert time.monotonic() - started < 5

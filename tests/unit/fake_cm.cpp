@@ -112,17 +112,6 @@ void fake_cm_reset()
     s_now = 0;
 }
 
-void fake_cm_pass()
-{
-    // Time-outs added by this pass's callbacks wait for the next pass.
-    std::list<fake_entry *> due;
-    for (fake_entry *e : s_entries)
-        if (!e->timer && e->due <= s_now)
-            due.push_back(e);
-    for (fake_entry *e : due)
-        run_timeout(e);
-}
-
 void fake_cm_advance(int seconds)
 {
     for (int i = 0; i < seconds; i++) {
@@ -132,9 +121,7 @@ void fake_cm_advance(int seconds)
     }
 }
 
-double fake_cm_now() { return s_now; }
 int fake_cm_timers() { return count_entries(true); }
-int fake_cm_timeouts() { return count_entries(false); }
 
 bool fake_cm_fire_poll(int fd, int bits)
 {

@@ -57,10 +57,12 @@ TEST(CmUv, TimeoutZeroRunsOnTheNextPassBeforeTimers)
     counter c;
     c.stop_at = 1;
     c.trace = &trace;
-    cm_timer_start(&c.timer, 0.005, count_fire);
+    // Long enough for the loop's first pass to come well before it, however
+    // busy the machine; the stop falls due with it and runs after it.
+    cm_timer_start(&c.timer, 0.5, count_fire);
     cm_timeout(0, note, &trace);
     EXPECT_EQ(trace, "");
-    cm_timeout(0.05, stop_loop, nullptr);
+    cm_timeout(0.5, stop_loop, nullptr);
     cm_run();
     EXPECT_EQ(trace, "0T");
 }
@@ -174,44 +176,10 @@ TEST(CmUv, StoppedRecordCanBeFreedAtOnce)
     SUCCEED();
 }
 
-struct poll_rec {
-    cm_poll poll{};
-    int fd = -1;
-    int events = 0;
-};
-
-void on_ready(cm_poll *p, int fd, int events)
-{
-    auto *r = reinterpret_cast<poll_rec *>(p);
-    r->fd = fd;
-    r->events = events;
-    cm_poll_stop(p);
-    cm_stop();
-}
-
-TEST(CmUv, PollReportsReadableWithBitOne)
-{
-    cm_init();
-    int fds[2];
-    ASSERT_EQ(pipe(fds), 0);
-    poll_rec r;
-    ASSERT_EQ(cm_poll_start(&r.poll, fds[0], CM_POLL_READ, on_ready), 0);
-    ASSERT_EQ(write(fds[1], "x", 1), 1);
-    cm_run();
-    EXPECT_EQ(r.fd, fds[0]);
-    EXPECT_EQ(r.events, CM_POLL_READ);
-    close(fds[0]);
-    close(fds[1]);
-}
-
 TEST(CmUv, AbortReportsAndAborts)
 {
     EXPECT_DEATH(cm_abort("oom at here"), "oom at here");
 }
-
-}  // namespace
-
-namespace {
 
 // Runs the loop until `done` holds or `seconds` pass; whether it held.
 bool run_until(const std::function<bool()> &done, double seconds = 5)

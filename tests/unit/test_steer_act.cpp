@@ -49,15 +49,6 @@ TEST(Sact, RejectedBtmFallsBackToBackoffUnlessTheSignalMoved)
     }
 }
 
-TEST(Sact, StationsWithoutBtmAreMovedByBackoff)
-{
-    steer_node node;
-    ssta_status_t *sta = steerable(-60, MAPS_CAP_HT);
-    ASSERT_EQ(sact_steer(sta, sap_get_bss(2), &g_self, on_result), 0);
-    EXPECT_TRUE(fake_uwb_calls("bss_trans_req").empty());
-    EXPECT_EQ(fake_uwb_calls("kick_sta").size(), 1u);
-}
-
 TEST(Sact, RoamingBackWithinTheWindowForbidsTheTarget)
 {
     steer_node node;
@@ -79,6 +70,11 @@ TEST(Sact, RoamingBackWithinTheWindowForbidsTheTarget)
     tick(200);  // past the BTM and Backoff protections
     ASSERT_EQ(sact_steer(sta, bss5, &g_self, on_result), 0);
     join(STA, 2, -55);
+    {
+        log_capture log;
+        join(STA, 2, -50);  // associating again where it was steered to is no roaming back
+        EXPECT_EQ(log.text().find("roams back"), std::string::npos) << log.text();
+    }
     EXPECT_EQ(act->sessions.size(), 1u);
     tick(300);
     EXPECT_TRUE(act->sessions.empty());

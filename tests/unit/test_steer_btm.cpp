@@ -147,19 +147,6 @@ TEST(Sbtm, NeighboursAreToldAndTellBack)
     EXPECT_SANDBOXED(SANDBOX_VAR, handshake_messages);
 }
 
-TEST(Sbtm, AloneTheRequestGoesOutAtOnceAndTheJoinEndsIt)
-{
-    steer_node node;
-    ssta_status_t *sta = join(STA, 1, -60);
-    s_results.clear();
-    EXPECT_EQ(sbtm_steer(sta, sap_get_bss(2), g_self.node_id, on_result), 0);
-    EXPECT_EQ(fake_uwb_calls("bss_trans_req"),
-              std::vector<std::string>{"bss_trans_req wl0 02:aa:00:00:00:01 02:00:00:00:00:02 36"});
-    EXPECT_EQ(fake_uwb_calls("set_bssload").size(), 2u);  // raised around the request, then cleared
-    join(STA, 2, -55);
-    EXPECT_EQ(s_results, std::vector<std::string>{"success 02:00:00:00:00:02 02:00:00:00:0a:00"});
-}
-
 TEST(Sbtm, RefusalsAndBadInput)
 {
     steer_node node;

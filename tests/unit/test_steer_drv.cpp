@@ -157,45 +157,6 @@ TEST_F(SdrvTest, IoctlCarriesTheAnswerBackAndReportsFailures)
     EXPECT_EQ(log.plain(), "error sdrv_ioctl, ioctl failed\nerror sdrv_ioctl, invalid magic\n");
 }
 
-TEST_F(SdrvTest, StartUpProvesBothDirectionsAndCleansTheDriver)
-{
-    driver_with_vap();
-    log_capture log;
-    slog_set_level(nullptr, SLOG_DEBUG);
-    sdrv_init();
-
-    EXPECT_TRUE(std::regex_search(log.text(), std::regex("info sdrv_init:[0-9]+, use default interface name wl0\n")))
-        << log.text();
-    // The ioctl ping, then the driver is told to forget everything.
-    EXPECT_EQ(fake_uwb_calls("steer_maps"),
-              (std::vector<std::string>{"steer_maps wl0 0 12", "steer_maps wl0 9 8"}));
-    ASSERT_EQ(g_fake_nl.sent.size(), 1u);
-    EXPECT_EQ(g_fake_nl.sent[0].size(), 24u);
-    EXPECT_EQ(g_fake_nl.sent[0][23], MAPS_EV_PING);
-    EXPECT_EQ(fake_cm_timers(), 1);  // waiting for the pong
-    EXPECT_EQ(fake_cm_poll_events(42), CM_POLL_READ);
-
-    // A pong without a version is dropped: the wait goes on.
-    nl_deliver(MAPS_EV_PONG, nullptr, 0);
-    EXPECT_EQ(fake_cm_timers(), 1);
-    g_fake_nl.incoming.push_back(nl_event(MAPS_EV_PONG, "MAPS_API_V2", 12));
-    ASSERT_TRUE(fake_cm_fire_poll(42, CM_POLL_READ));
-    EXPECT_EQ(fake_cm_timers(), 0);
-    EXPECT_NE(log.text().find("receive reponse via netlink. version 'MAPS_API_V2'"), std::string::npos);
-    fake_cm_advance(10);  // no time-out any more
-    // So is a pong that no ping waits for.
-    nl_deliver(MAPS_EV_PONG, "MAPS_API_V3", 12);
-    EXPECT_TRUE(std::regex_search(log.text(), std::regex("error sdrv_pong_handler:[0-9]+, 'size' is not satisfied\n"
-                                                         "(.*\n)*"
-                                                         "error sdrv_pong_handler:[0-9]+, 's_ping_timer' is not "
-                                                         "satisfied\n")))
-        << log.text();
-
-    sdrv_exit();
-    EXPECT_EQ(fake_uwb_calls("steer_maps").back(), "steer_maps wl0 9 8");
-    slog_set_level(nullptr, SLOG_INFO);
-}
-
 // What init set up, exit takes down: the driver's state (only after a start),
 // the pong wait, the registrations.
 TEST_F(SdrvTest, ExitUndoesInit)
@@ -238,27 +199,6 @@ TEST_F(SdrvTest, StartUpFailuresAreFatal)
     driver_with_vap();
     g_fake_nl.bind_result = -1;
     EXPECT_FATAL(sdrv_init(), "fatal sdrv_init_nl:[0-9]+, netlink bind failed, another instance may be running.\n");
-}
-
-TEST_F(SdrvTest, WrongVersionOrNoPongIsFatal)
-{
-    driver_with_vap();
-    EXPECT_FATAL(
-        {
-            sdrv_init();
-            g_fake_nl.incoming.push_back(nl_event(MAPS_EV_PONG, "MAPS_API_V3", 12));
-            fake_cm_fire_poll(42, CM_POLL_READ);
-        },
-        "fatal sdrv_pong_handler:[0-9]+, API version doesn't match. bandherd use version 'MAPS_API_V2', but "
-        "driver provides 'MAPS_API_V3'\n");
-    EXPECT_FATAL(
-        {
-            sdrv_init();
-            fake_cm_advance(4);
-            slog_log(SLOG_INFO, "still waiting");
-            fake_cm_advance(1);
-        },
-        "info still waiting\nfatal sdrv_pong_timeout:[0-9]+, waitting for response from driver timeout.\n");
 }
 
 }  // namespace

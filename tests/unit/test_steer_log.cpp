@@ -71,6 +71,42 @@ TEST(SlogLevels, CallSiteTestsTheModuleLevelBeforeFormatting)
     slog_set_level("lv_callsite", SLOG_INFO);
 }
 
+// Packed texts come back byte for byte: every byte that is not a code, the
+// longest text, texts made of the most frequent pairs and of none.
+template <size_t N>
+std::string slog_round_trip(const slog_packed<N> &packed)
+{
+    char out[SLOG_TEXT_MAX];
+    slog_unpack(packed.text, out);
+    return out;
+}
+
+TEST(SlogPacked, TextsUnpackToThemselves)
+{
+    constexpr char all[] =
+        "\t\n\033 !\"#$%&'()*+,-./0123456789:;<=>?@ABCDEFGHIJKLMNOPQRSTUVWXYZ[\\]^_`abcdefghijklmnopqrstuvwxyz{|}~";
+    constexpr auto longest = [] {
+        slog_packed<SLOG_TEXT_MAX> t = {};
+        for (size_t i = 0; i + 1 < SLOG_TEXT_MAX; i++)
+            t.text[i] = "state %s "[i % 9];
+        return t;
+    }();
+    static_assert(slog_text_fits(all) && slog_text_fits(longest.text));
+    constexpr auto all_packing = slog_pack(all);
+    constexpr auto longest_packing = slog_pack(longest.text);
+    constexpr auto empty_packing = slog_pack("");
+    constexpr auto all_packed = slog_cut<all_packing.size>(all_packing);
+    constexpr auto longest_packed = slog_cut<longest_packing.size>(longest_packing);
+    constexpr auto empty_packed = slog_cut<empty_packing.size>(empty_packing);
+    static_assert(sizeof(longest_packed) < SLOG_TEXT_MAX / 2, "repeated pairs pack");
+    EXPECT_EQ(slog_round_trip(all_packed), all);
+    EXPECT_EQ(slog_round_trip(longest_packed), longest.text);
+    EXPECT_EQ(slog_round_trip(empty_packed), "");
+    // The bytes that stand for pairs are refused in a text.
+    EXPECT_FALSE(slog_text_fits("\x80") || slog_text_fits("\x01") || slog_text_fits("\r"));
+    EXPECT_FALSE(slog_text_fits(std::string(SLOG_TEXT_MAX, 'x').c_str()));
+}
+
 // The one message of every broken precondition, in full.
 TEST(SlogAssert, MessageNamesTheExpressionAndWhereInRed)
 {

@@ -13,7 +13,6 @@ namespace {
 
 const uint8_t SELF[6] = {0x02, 0x00, 0x00, 0x00, 0x00, 0x01};
 const uint8_t PEER[6] = {0x02, 0x00, 0x00, 0x00, 0x00, 0x02};
-const uint8_t OTHER[6] = {0x02, 0x00, 0x00, 0x00, 0x00, 0x03};
 
 // "<type> <sa last byte> <da last byte> <v>" of each message handed over.
 std::vector<std::string> s_got;
@@ -40,29 +39,6 @@ protected:
 void receive(std::vector<uint8_t> msg)
 {
     smsg_recv_handler(msg.data(), msg.size());
-}
-
-TEST_F(SmsgTest, MessagesForUsAreDispatchedByTypeAndTheRestDropped)
-{
-    smsg_register("T_ONE", record_message);
-    log_capture log;
-    receive(mesh_message(PEER, SELF, "T_ONE", "{\"v\": 7}"));
-    receive(mesh_message(PEER, MAC_BCAST, "T_ONE", "{\"v\": 8}"));
-    // Our own messages back through the mesh daemon and others' are dropped silently.
-    receive(mesh_message(SELF, MAC_BCAST, "T_ONE", "{}"));
-    receive(mesh_message(SELF, SELF, "T_ONE", "{}"));
-    receive(mesh_message(PEER, OTHER, "T_ONE", "{}"));
-    EXPECT_EQ(log.text(), "");
-    // Broken ones with their reason.
-    receive(mesh_message(PEER, SELF, "T_ONE", "", false));          // 44 bytes
-    receive(mesh_message(PEER, SELF, "T_ONE", ""));                 // 45: empty text and its NUL
-    receive(mesh_message(PEER, SELF, "T_NOBODY", "{}"));
-    receive(mesh_message(PEER, SELF, "T_ONE", "{\"v\": 1}", false));  // the sender's NUL is required
-    EXPECT_EQ(s_got, (std::vector<std::string>{"T_ONE 2 1 7", "T_ONE 2 255 8"}));
-    EXPECT_EQ(log.plain(), "error smsg_recv_handler, invalid message size 44\n"
-                           "error smsg_recv_handler, json parse error: \n"
-                           "warning smsg_recv_handler, message 'T_NOBODY' is not registered.\n"
-                           "error smsg_recv_handler, json parse error: {\"v\": 1\n");
 }
 
 TEST_F(SmsgTest, TypeNamesAreCutTo31CharactersAndTheFirstRegistrationStays)

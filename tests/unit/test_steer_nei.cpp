@@ -65,35 +65,6 @@ protected:
     }
 };
 
-TEST_F(SneiTest, HeartbeatCreatesAndRefreshesTheNeighbourRecord)
-{
-    mesh_receive(node_mac(1), "SNEI_HEARTBEAT", heartbeat());
-    sap_node_t *node = snei_find(node_mac(1));
-    ASSERT_NE(node, nullptr);
-    EXPECT_EQ(std::make_tuple(node->link_rate2mpp, node->is_mpp, node->hop, node->time_stamp),
-              std::make_tuple(433, false, 1, 1000L));
-    EXPECT_STREQ(node->ess[0].essid, "herd");
-    EXPECT_EQ(node->radios[2].channel, 6);
-    EXPECT_EQ(node->radios[2].radio_index, 2);
-    sap_node_t *found = nullptr;
-    sap_bss_t *bss = nullptr;
-    const uint8_t bssid[6] = {0x02, 0, 0, 0, 0x0b, 0x02};
-    EXPECT_EQ(snei_find_bss(bssid, &found, &bss), 0);
-    ASSERT_EQ(found, node);
-    EXPECT_EQ(bss, node->managed_bss[2]);
-    EXPECT_STREQ(bss->ifname, "wl1");
-    EXPECT_EQ(bss->sta_max, 64);
-    EXPECT_EQ(bss->radio, &node->radios[2]);
-    EXPECT_EQ(bss->ess, &node->ess[0]);
-
-    g_time = 1020;
-    mesh_receive(node_mac(1), "SNEI_HEARTBEAT", heartbeat("herd", 2, 3));
-    EXPECT_EQ(snei_get_cnt(), 1);
-    EXPECT_EQ(std::make_pair(node->hop, node->time_stamp), std::make_pair(3, 1020L));
-    EXPECT_EQ(node->managed_bss[2], bss);  // the same slot again
-    EXPECT_EQ(s_events, (std::vector<std::string>{"online 1"}));
-}
-
 TEST_F(SneiTest, SixteenNeighboursAreKeptInArrivalOrderAndTheSeventeenthRefused)
 {
     for (int i = 1; i <= 16; i++)
@@ -138,24 +109,6 @@ TEST_F(SneiTest, MalformedHeartbeatsRemoveTheSenderAndAHeartbeatWithoutEssesKeep
     EXPECT_EQ(node->link_rate2mpp, 5);
     EXPECT_TRUE(node->is_mpp);
     EXPECT_EQ(node->radios[1].channel, 0);  // nothing after the missing list is read
-}
-
-TEST_F(SneiTest, SilentNeighbourIsAgedAfter45SecondsAndExitRemovesAtOnce)
-{
-    mesh_receive(node_mac(1), "SNEI_HEARTBEAT", heartbeat());
-    mesh_receive(node_mac(2), "SNEI_HEARTBEAT", heartbeat());
-    log_capture log;
-    mesh_receive(node_mac(2), "SNEI_EXIT", "{}");
-    mesh_receive(node_mac(2), "SNEI_EXIT", "{}");
-    EXPECT_EQ(log.plain(), "info snei_del, neighbor 02:00:00:00:10:02 is offline\n"
-                           "info snei_exit_recv, can't find neigbor 02:00:00:00:10:02\n");
-    g_time = 1045;
-    fake_cm_advance(15);  // the 15-second check: t + 45 is not past yet
-    EXPECT_EQ(snei_get_cnt(), 1);
-    g_time = 1046;
-    fake_cm_advance(15);
-    EXPECT_EQ(snei_get_cnt(), 0);
-    EXPECT_EQ(s_events, (std::vector<std::string>{"online 1", "online 2", "offline 2", "offline 1"}));
 }
 
 TEST_F(SneiTest, EndForgetsEveryNeighbour)

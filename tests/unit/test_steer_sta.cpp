@@ -284,28 +284,4 @@ TEST_F(SstaTest, FullTableReplacesOnlyWhatTheControllerLetsGo)
     EXPECT_NE(ssta_find(eleventh), nullptr);
 }
 
-TEST_F(SstaTest, AssociationsOnOtherNodesKeepTheirCounts)
-{
-    peer_heartbeat();
-    sap_bss_t *nbss = snei_find(PEER)->managed_bss[1];
-    deliver(MAPS_EV_STA_JOIN, STA_B, 1, -60);
-    deliver(MAPS_EV_STA_LEAVE, STA_B, 1, -60);  // gone from here: nothing to kick
-    log_capture log;
-    associate_msg(STA_B, 1, 0);
-    associate_msg(STA_B, 1, 32);
-    associate_msg(STA_B, 0, 1);  // the count is 0 already
-    EXPECT_EQ(nbss->sta_num, 0);
-    associate_msg(STA_B, 1, 1);
-    associate_msg(STA_A, 1, 1);
-    EXPECT_EQ(nbss->sta_num, 2);
-    associate_msg(STA_B, 0, 1);
-    EXPECT_EQ(nbss->sta_num, 1);
-    EXPECT_TRUE(fake_uwb_calls("kick_sta").empty());
-    std::string text = log.plain();
-    EXPECT_NE(text.find("error ssta_msg_handler, invalid bss index 0\n"), std::string::npos) << text;
-    EXPECT_NE(text.find("error ssta_msg_handler, invalid bss index 32\n"), std::string::npos) << text;
-    EXPECT_NE(text.find("error ssta_msg_handler, wrong sta number of BSS1 in NODE 02:00:00:00:0b:00\n"),
-              std::string::npos);
-}
-
 }  // namespace
