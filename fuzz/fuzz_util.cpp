@@ -36,20 +36,22 @@ uint64_t fnv1a(const void *data, size_t size, uint64_t h = 0xcbf29ce484222325ull
     return h;
 }
 
-// The log's text without the wall-clock stamp that "log -t" puts in front of
-// each line ("1700000000 11/14 22:13:20 "), or what is left of one where a
-// size limit cut the log (no level's name starts with a digit or blank).
+// The log's text without the wall-clock stamps that "log -t" puts in front
+// of each line ("1700000000 11/14 22:13:20 ", also after the "steer" of a
+// steering record), nor what is left of one where a size limit cut the log
+// (no level's name starts with a digit or blank).
 std::string without_stamps(const std::string &text)
 {
-    static const std::regex stamp("[0-9 /:]+");
+    static const std::regex stamp("[0-9]+ [0-9]{2}/[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2} ");
+    static const std::regex cut("[0-9 /:]+");
     std::string out;
     size_t from = 0;
     while (from < text.size()) {
         size_t end = text.find('\n', from);
         end = end == std::string::npos ? text.size() : end + 1;
         std::smatch m;
-        std::string line = text.substr(from, end - from);
-        if (std::regex_search(line, m, stamp, std::regex_constants::match_continuous))
+        std::string line = std::regex_replace(text.substr(from, end - from), stamp, "");
+        if (std::regex_search(line, m, cut, std::regex_constants::match_continuous))
             line.erase(0, m.length());
         out += line;
         from = end;
