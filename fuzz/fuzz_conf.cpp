@@ -24,14 +24,10 @@
 #include <unistd.h>
 
 #include "conf_store.h"
-#include "fake_cm.h"
 #include "fuzz_util.h"
 #include "maps.h"
 #include "steer_ap.h"
-#include "steer_ctl.h"
 #include "steer_drv.h"
-#include "steer_msg.h"
-#include "steer_nei.h"
 #include "steer_ns.h"
 #include "steer_rate.h"
 
@@ -177,12 +173,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     // the modules' ends free what its start took.
     alignas(fuzz_node) static unsigned char storage[sizeof(fuzz_node)];
     if (sigsetjmp(s_refused, 1)) {
-        sctl_exit();
-        ssta_exit();
-        srate_exit();
-        snei_exit();
-        smsg_exit();
-        fake_cm_reset();
+        fuzz_digest(data, size, LOG);
+        steer_node_teardown();
         sdrv_exit();
         return 0;
     }
@@ -190,6 +182,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     auto *node = new (storage) fuzz_node();
     s_starting = 0;
     run_equations(in);
+    fuzz_digest(data, size, LOG);
     node->~fuzz_node();
     return 0;
 }

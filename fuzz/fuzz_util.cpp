@@ -6,6 +6,7 @@
 #include <csignal>
 #include <fstream>
 #include <cstring>
+#include <regex>
 #include <string_view>
 
 #include "conf_store.h"
@@ -25,6 +26,38 @@ std::map<std::string, std::string, std::less<>> g_fuzz_conf = {{"bandherd.ess", 
 namespace {
 
 int s_devnull = -1;
+FILE *s_digest;  // FUZZ_DIGEST's file, or none
+
+uint64_t fnv1a(const void *data, size_t size, uint64_t h = 0xcbf29ce484222325ull)
+{
+    const auto *p = static_cast<const uint8_t *>(data);
+    for (size_t i = 0; i < size; i++)
+        h = (h ^ p[i]) * 0x100000001b3ull;
+    return h;
+}
+
+// The log's text without the wall-clock stamps that "log -t" puts in front
+// of each line ("1700000000 11/14 22:13:20 ", also after the "steer" of a
+// steering record), nor what is left of one where a size limit cut the log
+// (no level's name starts with a digit or blank).
+std::string without_stamps(const std::string &text)
+{
+    static const std::regex stamp("[0-9]+ [0-9]{2}/[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2} ");
+    static const std::regex cut("[0-9 /:]+");
+    std::string out;
+    size_t from = 0;
+    while (from < text.size()) {
+        size_t end = text.find('\n', from);
+        end = end == std::string::npos ? text.size() : end + 1;
+        std::smatch m;
+        std::string line = std::regex_replace(text.substr(from, end - from), stamp, "");
+        if (std::regex_search(line, m, cut, std::regex_constants::match_continuous))
+            line.erase(0, m.length());
+        out += line;
+        from = end;
+    }
+    return out;
+}
 
 void note_restart(int) {}
 
@@ -68,9 +101,15 @@ void fuzz_setup()
         abort();
     }
     s_devnull = open("/dev/null", O_RDWR);
-    slog_set_path("/dev/null");
+    if (const char *digest = getenv("FUZZ_DIGEST"))
+        s_digest = fopen(digest, "a");
+    slog_set_path(fuzz_log_path());
     signal(SIGRTMIN + 1, note_restart);
     fake_cm_io_enable();
+    // What a module's start leaves behind its end (the callbacks the
+    // controller registers with the station and neighbour tables, the
+    // loggers) is there before every run, the first one included.
+    fuzz_node warm_up;
 }
 
 fuzz_node::fuzz_node()
@@ -78,6 +117,8 @@ fuzz_node::fuzz_node()
     // The driver channel and the node model's events, on a node without
     // ESSes, as the daemon starts them before the other modules.
     slog_set_print_time(false);  // the operator's "log -t" may have turned it on
+    if (s_digest)
+        truncate(fuzz_log_path(), 0);  // the last run's end logged there
     fake_uwb_reset();
     fake_platform_reset();
     g_fake_uwb.vaps["wl0"].os_ifname = "lo";
@@ -88,6 +129,7 @@ fuzz_node::fuzz_node()
     };
     g_fake_nl.fd = dup(s_devnull);  // the driver channel closes it at its end
     g_self = sap_node_t{};
+    g_time = 1000;  // as steer_node sets it later, for what the driver channel and node model note
     sdrv_init();
     nl_deliver(MAPS_EV_PONG, MAPS_API_VERSION, sizeof(MAPS_API_VERSION));
     sap_init();
@@ -116,6 +158,30 @@ fuzz_node::~fuzz_node()
     // as allocations spares the fuzzer a leak check.
     fake_uwb_reset();
     fake_platform_reset();
+}
+
+const char *fuzz_log_path()
+{
+    return s_digest ? "/var/run/fuzz-digest.log" : "/dev/null";
+}
+
+void fuzz_digest(const uint8_t *data, size_t size, const char *log)
+{
+    if (!s_digest)
+        return;
+    std::string did = without_stamps(read_file(log));
+    truncate(log, 0);
+    for (const std::string &call : g_fake_uwb.calls)
+        did += "\n" + call;
+    for (const fake_maps_cmd &cmd : g_fake_uwb.maps)
+        did += "\n" + std::to_string(cmd.cmd) + " " + std::string(cmd.payload.begin(), cmd.payload.end());
+    for (const std::vector<uint8_t> &sent : g_fake_nl.sent)
+        did += "\n" + std::string(sent.begin(), sent.end());
+    did += "\n" + std::to_string(g_time) + " " + std::to_string(fake_cm_timers()) + " " +
+           std::to_string(fake_cm_timeouts());
+    fprintf(s_digest, "%016llx %016llx\n", (unsigned long long)fnv1a(data, size),
+            (unsigned long long)fnv1a(did.data(), did.size()));
+    fflush(s_digest);
 }
 
 const uint8_t *fuzz_sta(uint8_t n)

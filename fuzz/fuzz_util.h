@@ -35,8 +35,10 @@ extern std::map<std::string, std::string, std::less<>> g_fuzz_conf;
 
 // Once per process: private namespaces with an empty network and a fresh
 // /var (the daemon's fixed paths), the log into /dev/null, the restart
-// request (a driver's VAP update) only noted. Aborts when namespaces
-// cannot be had, rather than touch the machine's own /var.
+// request (a driver's VAP update) only noted; then one node started and
+// ended, so that the first run starts from the state of every later one.
+// Aborts when namespaces cannot be had, rather than touch the machine's
+// own /var.
 void fuzz_setup();
 
 // One run's node: the driver channel after its start-up handshake, the node
@@ -54,6 +56,18 @@ public:
 private:
     std::optional<steer_node> node_;
 };
+
+// Where the daemon logs: /dev/null, or the file the digests read.
+const char *fuzz_log_path();
+
+// With FUZZ_DIGEST=FILE in the environment, appends to FILE one line per
+// run: a hash of the input and a hash of what the run did (the text it
+// logged to `log`, every call it made to the Wi-Fi library and every
+// datagram it sent the driver, the clock and the loop's pending timers),
+// then empties `log`. A run that starts from the same state as any other
+// run of its input writes the same line, whatever ran before it. Without
+// FUZZ_DIGEST it does nothing.
+void fuzz_digest(const uint8_t *data, size_t size, const char *log = fuzz_log_path());
 
 // Every key of the shipped example configuration (which holds every key
 // the daemon reads), in its order; a key's index is its place here.

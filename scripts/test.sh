@@ -43,6 +43,7 @@ ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
 
 echo "== fuzz targets, a short run each (clang, ASan + UBSan)"
 ./scripts/fuzz.sh all 12
+./scripts/fuzz.sh all check
 
 # The lab tests mostly wait on the daemons' timers (heartbeats, ageing, time-outs), so they run
 # on many more workers than cores; tests that share a lab of their module stay on one worker

@@ -156,6 +156,7 @@ void sdrv_exit()
         s_sock = -1;
     }
     s_default_if[0] = '\0';
+    s_foreign = 0;  // a channel started again counts afresh
 }
 
 void sdrv_register_event(maps_ev_e event, sdrv_event_cb cb)

@@ -429,6 +429,13 @@ void snei_exit()
     }
     s_backhaul_radio = nullptr;
     s_backhaul_if[0] = '\0';
+    // The neighbours go with the module, untold: whoever asked to hear of
+    // their end has ended before it.
+    for (sap_node_t *node : s_neighbors) {
+        decltype(s_neighbors)::del(node);
+        free(node);
+    }
+    s_neighbor_cnt = 0;
     smsg_dict_t *root = smsg_new_root();
     if (!root) {
         LOG_ERROR("%s:%d, new message failed");

@@ -73,6 +73,9 @@ void sven_init()
 
 void sven_exit()
 {
+    // A start after this one has heard no SAP_INFO yet.
+    memset(s_uplink_mac, 0, sizeof(s_uplink_mac));
+    s_hopcount = 0;
 }
 
 int sven_ioctl(void *data, size_t size, const char *ifname)

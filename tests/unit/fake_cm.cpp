@@ -122,6 +122,7 @@ void fake_cm_advance(int seconds)
 }
 
 int fake_cm_timers() { return count_entries(true); }
+int fake_cm_timeouts() { return count_entries(false); }
 
 bool fake_cm_fire_poll(int fd, int bits)
 {

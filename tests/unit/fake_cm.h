@@ -9,8 +9,9 @@
 void fake_cm_reset();
 // Moves virtual time forward second by second, running what falls due.
 void fake_cm_advance(int seconds);
-// Number of timers started and not stopped.
+// Number of timers started and not stopped; of pending time-outs.
 int fake_cm_timers();
+int fake_cm_timeouts();
 // Calls the poll callback watching `fd` with readiness `bits`; false if none.
 bool fake_cm_fire_poll(int fd, int bits);
 // Bits asked for by the poll watching `fd`, or -1.

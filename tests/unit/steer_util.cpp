@@ -50,6 +50,11 @@ steer_node::~steer_node()
     mesh_receive(PEER_B, "SNEI_EXIT", "{}");
     mesh_receive(PEER_C, "SNEI_EXIT", "{}");
     slog_set_level(nullptr, SLOG_INFO);
+    steer_node_teardown();
+}
+
+void steer_node_teardown()
+{
     sctl_exit();
     ssta_exit();
     srate_exit();

@@ -33,6 +33,10 @@ private:
     std::unique_ptr<conf_file> conf_;
 };
 
+// Ends the modules steer_node starts, the last started first, and forgets
+// the loop's timers; also for a start that a FATAL line ended half-way.
+void steer_node_teardown();
+
 // A station event from the driver.
 void sta_event(uint8_t code, const uint8_t *mac, uint8_t bss, int8_t rssi, uint32_t caps = 0x0f, uint8_t load = 0);
 ssta_status_t *join(const uint8_t *mac, uint8_t bss, int8_t rssi = -60, uint32_t caps = 0x0f);

@@ -176,6 +176,18 @@ TEST_F(SdrvTest, ExitUndoesInit)
     sdrv_register_event(EV_A, record_event);
     sdrv_register_event(MAPS_EV_PONG, record_event);
     EXPECT_EQ(log.text(), "");
+
+    // A channel started again counts the datagrams of other processes afresh.
+    log_capture foreign;
+    for (int run = 0; run < 2; run++) {
+        sdrv_init();
+        g_fake_nl.from_driver = false;
+        deliver(nl_event(EV_A, "forged", 6));
+        g_fake_nl.from_driver = true;
+        sdrv_exit();
+    }
+    std::string text = foreign.plain();
+    EXPECT_EQ(std::regex_replace(text, std::regex(".*\\((\\d+) so far\\)\n|.*\n"), "$1"), "11") << text;
 }
 
 TEST_F(SdrvTest, StartUpFailuresAreFatal)

@@ -111,6 +111,16 @@ TEST_F(SneiTest, MalformedHeartbeatsRemoveTheSenderAndAHeartbeatWithoutEssesKeep
     EXPECT_EQ(node->radios[1].channel, 0);  // nothing after the missing list is read
 }
 
+TEST_F(SneiTest, EndForgetsEveryNeighbour)
+{
+    mesh_receive(node_mac(1), "SNEI_HEARTBEAT", heartbeat());
+    snei_exit();
+    snei_init();
+    EXPECT_EQ(snei_get_cnt(), 0);
+    EXPECT_EQ(snei_find(node_mac(1)), nullptr);
+    EXPECT_EQ(s_events, (std::vector<std::string>{"online 1"}));  // no one is told: the controller ended first
+}
+
 TEST(SneiSameNode, AddressBlockOfOneNode)
 {
     const uint8_t base[6] = {0x02, 0x00, 0x00, 0x00, 0x0a, 0x00};

@@ -145,6 +145,15 @@ TEST_F(SvenTest, UplinkRateAndHopComeFromTheBackhaulAndSapInfo)
         mac_scan(c.uplink, expected);
         EXPECT_TRUE(mac_equal(uplink, expected));
     }
+
+    // Ended, the module forgets what SAP_INFO told it: no hop count.
+    sven_exit();
+    g_fake_uwb.bssid = "02:aa:00:00:00:09";
+    uint8_t uplink[6] = {};
+    int rate = 0, hop = -1;
+    sven_get_uplink_rate("bh0", g_self.node_id, [](const uint8_t *, const uint8_t *) { return false; }, uplink, &rate,
+                         &hop);
+    EXPECT_EQ(std::make_pair(rate, hop), std::make_pair(866, 0));
 }
 
 TEST_F(SvenTest, BssLoadIsRaisedForATransitionRequestAndClearedAfterIt)
