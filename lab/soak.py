@@ -47,7 +47,7 @@ STATUS_INTERVAL = 10.0          # seconds between a station's status reports
 # Per station and second: the chance that an associated station sets off towards another node,
 # that it leaves, and that a station that left comes back.
 P_WALK, P_LEAVE, P_RETURN = 1 / 90, 1 / 400, 1 / 30
-MEM_TOLERANCE_KIB, MEM_TOLERANCE_PCT = 64, 10
+MEM_TOLERANCE_KIB, MEM_TOLERANCE_PCT = 48, 10
 FD_TOLERANCE = 2
 WARM_VAP = "wlan1"              # the BSS of each node every station visits before the start
 MESH_WAIT = 60.0                # seconds for every daemon to know both others
