@@ -187,10 +187,12 @@ class Lab:
         for node in self.topology.nodes:
             self.ns.add_node(node, self.node_dir(node.name))
         # Nodes have talked to their portal, as on a real network: its address is in their ARP tables.
+        # A fresh link can drop the first request on a busy machine: ping asks once a second until
+        # one answer comes, for up to 20 s.
         portal = self.topology.portal
         for node in self.topology.nodes:
             if node is not portal:
-                self.ns.node_sh(node.name, f"ping -c1 -W2 {portal.address} >/dev/null")
+                self.ns.node_sh(node.name, f"ping -c1 -w20 {portal.address} >/dev/null")
 
     def _start_sockets(self):
         for d in self.drivers.values():
