@@ -75,14 +75,21 @@ for t in "${targets[@]}"; do
   fi
   log=$dir/fuzz-$t.log
   # The mesh daemon's chunks and the configuration values are the longest inputs.
-  if "$dir/fuzz/fuzz_$t" -max_total_time="$seconds" -runs="$runs" -max_len=4096 -timeout=10 \
-      -rss_limit_mb=2048 -print_final_stats=1 -artifact_prefix="$dir/artifacts/$t-" \
-      "$dir/corpus/$t" "$dir/seeds/$t" >"$log" 2>&1; then
+  rc=0
+  "$dir/fuzz/fuzz_$t" -max_total_time="$seconds" -runs="$runs" -max_len=4096 -timeout=10 \
+    -rss_limit_mb=2048 -print_final_stats=1 -artifact_prefix="$dir/artifacts/$t-" \
+    "$dir/corpus/$t" "$dir/seeds/$t" >"$log" 2>&1 || rc=$?
+  if [ $rc -eq 0 ]; then
     execs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log")
     rate=$(sed -n 's/^stat::average_exec_per_sec: *//p' "$log")
     cov=$(grep -o 'cov: [0-9]* ft: [0-9]*' "$log" | tail -1)
     rss=$(sed -n 's/^stat::peak_rss_mb: *//p' "$log")
     echo "fuzz_$t: $execs execs, $rate exec/s, $cov, peak rss ${rss} MB"
+  elif [ $rc -eq 72 ] && grep -q 'libFuzzer: run interrupted' "$log"; then
+    # Stopped by a signal (the fuzzer's exit code for it is 72): no finding.
+    last=$(grep -o '^#[0-9]*.*cov: [0-9]* ft: [0-9]*' "$log" | tail -1)
+    echo "fuzz_$t: interrupted at ${last:-its start} (log $log)" >&2
+    exit 130
   else
     grep -v NEW_FUNC "$log" | tail -60
     echo "fuzz_$t: FINDING (input in $dir/artifacts/, log $log)" >&2
