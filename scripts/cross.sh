@@ -51,4 +51,22 @@ needed=$("$triple-readelf" -d "$daemon" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p'
 case " $needed" in
   *" libstdc++"*) echo "cross: the daemon needs libstdc++ (${needed% })" >&2; exit 1 ;;
 esac
+# MIPS16 code passes and gets doubles in integer registers; a library
+# function that takes or returns one in floating-point registers (libm's,
+# strtod, libgcc's for standard code) it reaches only by a call stub, which
+# the linker's garbage collection drops. The daemon makes such calls from
+# standard-encoding functions (STEER_FLOAT_CALLS in src/steer.h).
+if [ "$arch" = mipsel ]; then
+  float_calls=$(comm -12 \
+    <("$triple-objdump" -d "$daemon" | grep -oE '<[^<>]*@mips16plt>' | sed 's/^<//; s/@mips16plt>$//' | sort -u) \
+    <({ "$triple-nm" -D --defined-only "/usr/$triple/lib/libm.so.6" | awk '{print $3}' | sed 's/@.*//'
+        printf '%s\n' strtod strtof strtold atof
+        "$triple-nm" -D --defined-only "/usr/$triple/lib/libgcc_s.so.1" | awk '{print $3}' | sed 's/@.*//' |
+          grep -E '^__(fix[a-z]*|float[a-z]*|[a-z]+[sdt]f[23]|[a-z]+[sd]c3)$'
+      } | sort -u))
+  if [ -n "$float_calls" ]; then
+    echo "cross: MIPS16 code calls through the PLT with doubles in floating-point registers:" $float_calls >&2
+    exit 1
+  fi
+fi
 echo "cross: $arch daemon $(stat -c %s "$daemon") bytes stripped, needs ${needed% }"

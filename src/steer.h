@@ -37,6 +37,19 @@
     }())
 
 // ---------------------------------------------------------------------------
+// A function that calls the C library's floating-point functions (pow,
+// strtod) or converts a double to an unsigned or 64-bit integer (a call into
+// libgcc). In the MIPS16 build it is compiled in the standard encoding: MIPS16
+// code keeps doubles in integer registers and reaches such functions through
+// the PLT only by call stubs, which the linker drops (GCC 12, binutils 2.40).
+// Called with integers and pointers alone, such a function needs none.
+#if defined(__mips__)
+#define STEER_FLOAT_CALLS __attribute__((nomips16))
+#else
+#define STEER_FLOAT_CALLS
+#endif
+
+// ---------------------------------------------------------------------------
 // Per-module log level. Every source file gets its own pair: the level a module
 // registers under its short name, and the pointer the call sites test, which
 // points at the global level until the module registers.

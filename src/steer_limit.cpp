@@ -17,7 +17,7 @@ slimit_ph_bss_t *slimit_find(slimit_info_t *info, const uint8_t *bssid)
 }
 
 // factor * base ^ level seconds, at most `max`; a result beyond 32 bits is `max`.
-uint32_t slimit_duration(const slimit_ph_conf_t *conf, uint32_t level)
+STEER_FLOAT_CALLS uint32_t slimit_duration(const slimit_ph_conf_t *conf, uint32_t level)
 {
     double d = static_cast<double>(conf->factor) * pow(static_cast<double>(conf->base), static_cast<double>(level));
     if (!(d < 4294967296.0))

@@ -78,6 +78,14 @@ int srate_clamp(int64_t v)
     return (int)std::clamp<int64_t>(v, INT_MIN, INT_MAX);
 }
 
+// The number at `p`, into `value`; returns the end of what was read.
+STEER_FLOAT_CALLS char *srate_strtod(char *p, double *value)
+{
+    char *end = nullptr;
+    *value = strtod(p, &end);
+    return end;
+}
+
 // Numbers separated by commas, into `array`; the count, or -1 (logged).
 int srate_get_float_array(double *array, char *text, int max_count)
 {
@@ -91,9 +99,7 @@ int srate_get_float_array(double *array, char *text, int max_count)
             LOG_ERROR("%s:%d, too many numbers, support %d at most", max_count);
             return -1;
         }
-        char *end = nullptr;
-        array[count++] = strtod(p, &end);
-        if (*end != '\0') {
+        if (*srate_strtod(p, &array[count++]) != '\0') {
             LOG_ERROR("%s:%d, not a number '%s'", p);
             return -1;
         }
@@ -186,6 +192,14 @@ void srate_del_equation(srate_equation_t *eq)
     free(eq);
 }
 
+// The polynome's value at x, into `y`.
+static STEER_FLOAT_CALLS void srate_polynome_at(const srate_polynome_t *poly, int x, double *y)
+{
+    *y = poly->factors[0];
+    for (int k = 1; k < poly->factor_count; k++)
+        *y += poly->factors[k] * pow(static_cast<double>(x), k);
+}
+
 int srate_calculate(const srate_equation_t *eq, int var)
 {
     SASSERT(eq);
@@ -204,9 +218,8 @@ int srate_calculate(const srate_equation_t *eq, int var)
     }
     const srate_polynome_t *poly = &eq->polynomes[seg];
     SASSERT(poly->factor_count > 0);
-    double y = poly->factors[0];
-    for (int k = 1; k < poly->factor_count; k++)
-        y += poly->factors[k] * pow(x, k);
+    double y;
+    srate_polynome_at(poly, var, &y);
     return srate_round(y);
 }
 

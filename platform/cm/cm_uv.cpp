@@ -145,9 +145,18 @@ void cm_poll_fire(uv_poll_t *h, int status, int events)
     poll->cb(poll, poll->fd, bits);
 }
 
+// Whole seconds and the milliseconds of their fraction, each converted to a
+// 32-bit integer (at most 68 years): converting a double to a 64-bit integer
+// is a call into libgcc, which MIPS16 code cannot make through the PLT.
 uint64_t cm_ms(double seconds)
 {
-    return seconds <= 0 ? 0 : (uint64_t)(seconds * 1000.0 + 0.5);
+    if (!(seconds > 0))
+        return 0;
+    if (seconds > 2147483647.0)
+        seconds = 2147483647.0;
+    int32_t whole = (int32_t)seconds;
+    int32_t ms = (int32_t)((seconds - whole) * 1000.0 + 0.5);
+    return (uint64_t)whole * 1000 + (uint64_t)ms;
 }
 
 }  // namespace
