@@ -33,7 +33,7 @@ if(NOT ipo_ok)
   message(FATAL_ERROR "BANDHERD_SMALL needs link-time optimisation: ${ipo_log}")
 endif()
 
-set(small_all -Os -ffunction-sections -fdata-sections -fno-pie)
+set(small_all -Os -ffunction-sections -fdata-sections -fmerge-all-constants -fno-pie)
 if(CMAKE_SYSTEM_PROCESSOR MATCHES "^mips")
   # Code for an executable, not a shared library; its calls to the shared
   # libraries through a PLT. In MIPS16 a call that passes or returns a double
@@ -102,6 +102,7 @@ endforeach()
 # read-only part still ends on a page boundary, so it stays protected.
 # The daemon is optimised as one unit at link time (one partition): every call
 # between its modules is then a local one (in MIPS16 a direct `jal` instead of
-# a load and `jalr`).
+# a load and `jalr`). Equal constants are merged there too: the same packed
+# text at many call sites is stored once (no code compares their addresses).
 target_link_options(bandherd PRIVATE -s -Wl,--build-id=none -Wl,-z,common-page-size=16
-                    -flto-partition=one)
+                    -flto-partition=one -fmerge-all-constants)

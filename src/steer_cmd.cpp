@@ -92,7 +92,7 @@ int scmd_ddbg(FILE *f, int argc, char **argv)
         SPRINTF(f, "error: need 1 argument!\n");
         return -1;
     }
-    int level = atoi(argv[1]);
+    int level = (int)strtol(argv[1], nullptr, 10);
     int ret = sdrv_ioctl(MAPS_CMD_DBG, &level, 4, nullptr);
     if (ret != 0)
         SPRINTF(f, "error: set driver debug failed!\n");

@@ -13,7 +13,7 @@ scom_recv_cb g_recv_cb;
 namespace {
 
 constexpr const char *SCOM_STEER_SOCKET = "/var/steer_socket";
-constexpr const char *SCOM_WEFT_SOCKET = "/var/weft_socket";
+constexpr char SCOM_WEFT_SOCKET[] = "/var/weft_socket";
 
 #define SCOM_STR2(x) #x
 #define SCOM_STR(x) SCOM_STR2(x)
@@ -78,7 +78,8 @@ int scom_conn_weft()
     }
     sockaddr_un addr = {};
     addr.sun_family = AF_UNIX;
-    snprintf(addr.sun_path, sizeof(addr.sun_path), "%s", SCOM_WEFT_SOCKET);
+    static_assert(sizeof(SCOM_WEFT_SOCKET) <= sizeof(addr.sun_path));
+    memcpy(addr.sun_path, SCOM_WEFT_SOCKET, sizeof(SCOM_WEFT_SOCKET));
     fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
     if (connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)) != 0) {
         LOG_ERROR("%s:%d, connect socket failed");

@@ -72,8 +72,8 @@ bool sif_is_up(const char *ifname)
     SASSERT(ifname);
 
     struct ifreq ifr = {};
-    strncpy(ifr.ifr_name, ifname, IFNAMSIZ);
-    ifr.ifr_name[IFNAMSIZ - 1] = '\0';
+    for (size_t i = 0; i < IFNAMSIZ - 1 && ifname[i] != '\0'; i++)
+        ifr.ifr_name[i] = ifname[i];
     int sock = socket(AF_INET, SOCK_DGRAM, 0);
     if (sock < 0) {
         LOG_ERROR("%s:%d, open sock failed");

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -42,17 +43,24 @@ void slog_use_stdout()
     s_output_path[0] = '\0';
 }
 
+// The wall clock's seconds (time(), by the call the daemon makes anyway).
+time_t slog_wall_time()
+{
+    struct timespec ts;
+    clock_gettime(CLOCK_REALTIME, &ts);
+    return ts.tv_sec;
+}
+
 void slog_print_time(FILE *f)
 {
     char buf[64];
-    time_t now = time(nullptr);
+    time_t now = slog_wall_time();
     struct tm tm;
 
     if (!localtime_r(&now, &tm))
         return;
-    if (strftime(buf, sizeof(buf), "%s %m/%d %H:%M:%S ", &tm) == 0)
-        return;
-    fputs(buf, f);
+    size_t n = strftime(buf, sizeof(buf), "%s %m/%d %H:%M:%S ", &tm);
+    fwrite(buf, 1, n, f);
 }
 
 // Cuts a log file that grew past s_max_log to its newest s_max_log / 2 bytes,
@@ -68,11 +76,11 @@ void slog_check_rotate()
 
     fflush(s_output);
     char tmp[4104];
-    snprintf(tmp, sizeof(tmp), "%s_%ld", s_output_path, (long)time(nullptr));
+    snprintf(tmp, sizeof(tmp), "%s_%ld", s_output_path, (long)slog_wall_time());
 
     FILE *in = fopen(s_output_path, "r");
     if (!in) {
-        remove(tmp);
+        unlink(tmp);
         return;
     }
     FILE *out = fopen(tmp, "w+");
@@ -80,7 +88,7 @@ void slog_check_rotate()
         if (out)
             fclose(out);
         fclose(in);
-        remove(tmp);
+        unlink(tmp);
         return;
     }
 
@@ -90,7 +98,7 @@ void slog_check_rotate()
         if (fwrite(block, 1, n, out) != n) {
             fclose(out);
             fclose(in);
-            remove(tmp);
+            unlink(tmp);
             return;
         }
     }
@@ -98,7 +106,7 @@ void slog_check_rotate()
     fclose(s_output);
     fclose(in);
     fclose(out);
-    remove(s_output_path);
+    unlink(s_output_path);
     rename(tmp, s_output_path);
     s_output = fopen(s_output_path, "a+");
     if (s_output) {
@@ -107,7 +115,7 @@ void slog_check_rotate()
         slog_use_stdout();
         setvbuf(s_output, nullptr, _IOLBF, 0);
     }
-    remove(tmp);
+    unlink(tmp);
 }
 
 }  // namespace
@@ -137,8 +145,8 @@ void slog_vlog(int level, const char *func, int line, const char *fmt, va_list a
     bool coloured = s_output_is_tty && level < SLOG_INFO;
     if (s_output_is_tty) {
         if (coloured)
-            fputs(level < SLOG_WARNING ? "\033[31m" : "\033[33m", s_output);
-        fputs("bandherd: ", s_output);
+            fwrite(level < SLOG_WARNING ? "\033[31m" : "\033[33m", 1, 5, s_output);
+        fwrite("bandherd: ", 1, 10, s_output);
     }
     if (s_print_time)
         slog_print_time(s_output);
@@ -155,7 +163,7 @@ void slog_vlog(int level, const char *func, int line, const char *fmt, va_list a
     vfprintf(s_output, fmt, ap);
 
     if (coloured)
-        fputs("\033[0m", s_output);
+        fwrite("\033[0m", 1, 4, s_output);
     size_t len = strlen(fmt);
     if (len > 0 && fmt[len - 1] == '\n') {
         if (coloured)
@@ -315,12 +323,11 @@ int slog_file_at(const char *file, const char *func, int line, const char *fmt, 
 
     FILE *f;
     struct stat st;
-    if (access(file, F_OK) == 0) {
-        if (stat(file, &st) != 0) {
-            printf("%s(%d): stat fail\n", "slog_file", __LINE__);
-            return -2;
-        }
+    if (stat(file, &st) == 0) {
         f = fopen(file, st.st_size <= SLOG_FILE_MAX ? "a+" : "w+");
+    } else if (errno != ENOENT) {
+        fprintf(stdout, "%s(%d): stat fail\n", "slog_file", __LINE__);
+        return -2;
     } else {
         f = fopen(file, "w+");
     }

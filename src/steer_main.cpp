@@ -53,7 +53,7 @@ void sadd_pidfile(const char *file)
 
 void sdel_pidfile(const char *file)
 {
-    remove(file);
+    unlink(file);
 }
 
 void check_arg(int argc, char **argv)
@@ -61,8 +61,7 @@ void check_arg(int argc, char **argv)
     int opt;
     while ((opt = getopt(argc, argv, "V")) != -1) {
         if (opt == 'V') {
-            printf("Version: %s\n", g_steer_version);
-            printf("Build: %s\n", g_steer_build);
+            fprintf(stdout, "Version: %s\nBuild: %s\n", g_steer_version, g_steer_build);
             exit(0);
         }
     }
@@ -172,8 +171,9 @@ void exit_handler(int sig)
     } else {
         sdel_pidfile(PID_FILE);
     }
-    fprintf(stderr, "\033[0;31mbandherd: exited.\033[0m\n");
-    remove(STEER_LOG_FILE);
+    static const char exited[] = "\033[0;31mbandherd: exited.\033[0m\n";
+    fwrite(exited, 1, sizeof(exited) - 1, stderr);
+    unlink(STEER_LOG_FILE);
     exit(status);
 }
 
@@ -193,10 +193,13 @@ int main(int argc, char **argv)
     check_arg(argc, argv);
 
     signal_pipe_open();
-    signal(SIGABRT, exit_signal);
-    signal(SIGINT, exit_signal);
-    signal(SIGTERM, exit_signal);
-    signal(SIGRTMIN + 1, exit_signal);
+    for (int sig : {SIGABRT, SIGINT, SIGTERM, SIGRTMIN + 1}) {
+        // As signal() installs a handler: it stays, and system calls restart.
+        struct sigaction sa = {};
+        sa.sa_handler = exit_signal;
+        sa.sa_flags = SA_RESTART;
+        sigaction(sig, &sa, nullptr);
+    }
 
     init_log();
 

@@ -88,7 +88,8 @@ bool snei_mpp_ip(char *ip, size_t size)
     while (fgets(line, sizeof(line), f)) {
         if (!strstr(line, mac))
             continue;
-        line[strcspn(line, " ")] = '\0';
+        if (char *blank = strchr(line, ' '))
+            *blank = '\0';
         snprintf(ip, size, "%.15s", line);
         found = true;
         break;

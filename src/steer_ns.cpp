@@ -368,9 +368,10 @@ void sns_beacon_rep_handler(uint8_t, void *data, uint32_t size)
 
 int8_t sns_trans_rcpi(int8_t rcpi)
 {
-    float raw = static_cast<float>(static_cast<uint8_t>(rcpi));
-    float dbm = raw * 100.0f * (1.0f / 256.0f) - 100.0f;
-    int whole = static_cast<int>(static_cast<double>(dbm) - 0.5);
+    // raw * 100 / 256 - 100 dBm, less a half, cut toward zero; in 256ths of
+    // a dB the arithmetic is exact in integers.
+    int raw = static_cast<uint8_t>(rcpi);
+    int whole = (raw * 100 - 100 * 256 - 128) / 256;
     return static_cast<int8_t>(whole & 0xff);
 }
 

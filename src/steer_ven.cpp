@@ -219,7 +219,10 @@ void sven_add_nbr_info(const char *ifname)
             LOG_FATAL("%s:%d, ifname(%s) : wrong bandtype!\n", bss->ifname);
             continue;
         }
-        entry.ssid_len = (uint8_t)strnlen(ess->essid, SAP_SSID_SIZE - 1);
+        uint8_t ssid_len = 0;
+        while (ssid_len < SAP_SSID_SIZE - 1 && ess->essid[ssid_len] != '\0')
+            ssid_len++;
+        entry.ssid_len = ssid_len;
         memcpy(entry.ssid, ess->essid, entry.ssid_len);
         int ret = uwb_add_rrm_neighbor(ifname, &entry);
         if (ret != 0)
@@ -274,7 +277,7 @@ int sven_pre_btm(const char *ifname)
 int sven_post_btm(const char *ifname)
 {
     SASSERT(ifname);
-    sleep(SVEN_POST_BTM_WAIT);
+    usleep(SVEN_POST_BTM_WAIT * 1000000u);
     uwb_set_bssload(ifname, 0);
     return 0;
 }

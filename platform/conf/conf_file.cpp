@@ -8,7 +8,6 @@
 // missing; a value longer than CONF_VALUE_MAX characters is unreadable.
 #include "conf_store.h"
 
-#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -21,12 +20,18 @@ const char *conf_path()
     return path && *path ? path : "/etc/bandherd.conf";
 }
 
+// isspace() of the C locale.
+bool conf_blank(char c)
+{
+    return c == ' ' || (c >= '\t' && c <= '\r');
+}
+
 // Trims blanks at both ends, in place; returns the start.
 char *conf_trim(char *s, char *end)
 {
-    while (s < end && isspace((unsigned char)*s))
+    while (s < end && conf_blank(*s))
         s++;
-    while (end > s && isspace((unsigned char)end[-1]))
+    while (end > s && conf_blank(end[-1]))
         end--;
     *end = '\0';
     return s;
@@ -57,10 +62,11 @@ extern "C" int GetValue(const char *mib, char *value)
         if (*key == '#' || strcmp(key, mib) != 0)
             continue;
         const char *val = eq + 1;
-        if (strlen(val) > CONF_VALUE_MAX) {
+        size_t val_len = strlen(val);
+        if (val_len > CONF_VALUE_MAX) {
             found = 0;
         } else {
-            strcpy(value, val);
+            memcpy(value, val, val_len + 1);
             found = 1;
         }
     }

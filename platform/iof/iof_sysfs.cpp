@@ -10,8 +10,9 @@ extern "C" int iof_mac_addr_get(uint8_t *mac)
     FILE *f = fopen("/sys/class/net/br0/address", "r");
     if (!f)
         return -1;
+    char text[32];
     unsigned int b[6];
-    int n = fscanf(f, "%2x:%2x:%2x:%2x:%2x:%2x", &b[0], &b[1], &b[2], &b[3], &b[4], &b[5]);
+    int n = fgets(text, sizeof(text), f) ? sscanf(text, "%2x:%2x:%2x:%2x:%2x:%2x", &b[0], &b[1], &b[2], &b[3], &b[4], &b[5]) : 0;
     fclose(f);
     if (n != 6)
         return -1;

@@ -18,7 +18,7 @@
 
 namespace {
 
-constexpr const char *UWB_SOCKET = "/var/run/maps/uwb";
+constexpr char UWB_SOCKET[] = "/var/run/maps/uwb";
 constexpr int UWB_TIMEOUT_SEC = 2;
 constexpr size_t UWB_LINE = 4096;
 
@@ -61,7 +61,8 @@ int uwb_call(char *values, size_t size, const char *fmt, ...)
     setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof(tv));
     sockaddr_un addr = {};
     addr.sun_family = AF_UNIX;
-    snprintf(addr.sun_path, sizeof(addr.sun_path), "%s", UWB_SOCKET);
+    static_assert(sizeof(UWB_SOCKET) <= sizeof(addr.sun_path));
+    memcpy(addr.sun_path, UWB_SOCKET, sizeof(UWB_SOCKET));
     if (connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)) != 0 || !uwb_write_all(fd, request, (size_t)n)) {
         close(fd);
         return -1;
@@ -74,7 +75,8 @@ int uwb_call(char *values, size_t size, const char *fmt, ...)
         if (r <= 0)
             break;
         got += (size_t)r;
-        if (memchr(answer, '\n', got))
+        answer[got] = '\0';
+        if (strchr(answer + got - (size_t)r, '\n'))
             break;
     }
     close(fd);
@@ -98,11 +100,15 @@ int uwb_call(char *values, size_t size, const char *fmt, ...)
 // Hex text of `len` bytes ("-" when empty) into `out` (2 * len + 2 bytes).
 const char *uwb_hex(const void *data, size_t len, char *out)
 {
+    static const char digits[] = "0123456789abcdef";
     if (len == 0)
-        return strcpy(out, "-");
+        return static_cast<const char *>(memcpy(out, "-", 2));
     const auto *p = static_cast<const uint8_t *>(data);
-    for (size_t i = 0; i < len; i++)
-        sprintf(out + 2 * i, "%02x", p[i]);
+    for (size_t i = 0; i < len; i++) {
+        out[2 * i] = digits[p[i] >> 4];
+        out[2 * i + 1] = digits[p[i] & 0xf];
+    }
+    out[2 * len] = '\0';
     return out;
 }
 
@@ -126,7 +132,8 @@ int uwb_unhex(const char *text, uint8_t *out, size_t size)
 // Copies the first token of `values` into a name buffer; -1 if it does not fit.
 int uwb_copy_name(const char *values, char *out, int size)
 {
-    size_t len = strcspn(values, " ");
+    const char *blank = strchr(values, ' ');
+    size_t len = blank ? (size_t)(blank - values) : strlen(values);
     if (len == 0 || size <= 0 || len >= (size_t)size)
         return -1;
     memcpy(out, values, len);
@@ -196,10 +203,18 @@ int uwb_get_channel_list(const char *ifname, uwb_chan_list_t *list)
     if (!ifname || !list || uwb_call(v, sizeof(v), "channel_list %s", ifname) != 0)
         return -1;
     list->count = 0;
-    for (char *tok = strtok(v, ","); tok; tok = strtok(nullptr, ",")) {
+    for (char *tok = v; *tok != '\0';) {
+        char *comma = strchr(tok, ',');
+        if (comma == tok) {  // empty fields are skipped
+            tok++;
+            continue;
+        }
         if (list->count >= UWB_CHAN_LIST_MAX)
             return -1;
-        list->channels[list->count++] = (uint8_t)atoi(tok);
+        list->channels[list->count++] = (uint8_t)strtol(tok, nullptr, 10);
+        if (!comma)
+            break;
+        tok = comma + 1;
     }
     return 0;
 }
@@ -223,7 +238,7 @@ int uwb_get_sta_maxnum(const char *ifname)
     char v[UWB_LINE];
     if (!ifname || uwb_call(v, sizeof(v), "sta_maxnum %s", ifname) != 0)
         return -1;
-    return atoi(v);
+    return (int)strtol(v, nullptr, 10);
 }
 
 int uwb_get_sta_info(const char *ifname, const uint8_t *macs, uwb_sta_info_t *info, int max, int *count)
@@ -291,7 +306,9 @@ int uwb_beacon_req(const char *ifname, const beacon_req_params_t *p)
     if (!ifname || !p)
         return -1;
     char ssid[2 * UWB_SSID_SIZE + 2];
-    size_t ssid_len = strnlen(p->ssid, UWB_SSID_SIZE - 1);
+    size_t ssid_len = 0;
+    while (ssid_len < UWB_SSID_SIZE - 1 && p->ssid[ssid_len] != '\0')
+        ssid_len++;
     return uwb_call(nullptr, 0, "beacon_req %s " UWB_MAC_FMT " %u %s", ifname, UWB_MAC_ARG(p->sta_mac), p->channel,
                     uwb_hex(p->ssid, ssid_len, ssid));
 }
