@@ -49,7 +49,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             // A neighbour measurement, whose beacon reports the station then sends.
             const uint8_t *sta = fuzz_sta(in.u8());
             char line[40];
-            snprintf(line, sizeof(line), "ns " MAC_FMT, MAC_ARG(sta));
+            snprintf(line, sizeof(line), "ns %s", mac_text(sta).s);
             fuzz_command(line);
             break;
         }

@@ -213,7 +213,7 @@ void fuzz_act(fuzz_input &in)
     const uint8_t *sta = fuzz_sta(in.u8()), *bss = fuzz_bss(in.u8());
     const char *how[] = {"", "-t ", "-j "};
     char line[80];
-    snprintf(line, sizeof(line), "act %s" MAC_FMT " " MAC_FMT, how[in.u8() % 3], MAC_ARG(sta), MAC_ARG(bss));
+    snprintf(line, sizeof(line), "act %s%s %s", how[in.u8() % 3], mac_text(sta).s, mac_text(bss).s);
     fuzz_command(line);
 }
 

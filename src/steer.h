@@ -82,6 +82,7 @@ constexpr bool slog_fmt_has_prefix(const char *fmt)
     do {                                                                                             \
         static_assert(slog_fmt_has_prefix(fmt), "log formats begin with %s:%d, ");                  \
         static_assert(slog_text_fits(fmt), "log formats pack: no code bytes, shorter than SLOG_TEXT_MAX");   \
+        static_assert(slog_fmt_known(fmt), "log formats use the conversions slog_fmt_known lists");  \
         static_assert(__LINE__ <= UINT16_MAX, "a log call's line fits its record");                 \
         (void)sizeof(slog_format_check(fmt, __func__, __LINE__, ##__VA_ARGS__));                    \
         constexpr auto slog_packing_ = slog_pack(fmt, SLOG_PREFIX_LEN);                              \
@@ -99,8 +100,10 @@ constexpr bool slog_fmt_has_prefix(const char *fmt)
 
 // fprintf to `f` with a literal format, which is stored packed: the output
 // of the operator's commands.
-#define SPRINTF(f, fmt, ...)                                                                          \
-    ((void)sizeof(slog_format_check(fmt, ##__VA_ARGS__)), slog_fprintf((f), SLOG_PACKED(fmt), ##__VA_ARGS__))
+#define SPRINTF(f, fmt, ...)                                                                                 \
+    ((void)sizeof(slog_format_check(fmt, ##__VA_ARGS__)),                                                   \
+     [] { static_assert(slog_fmt_known(fmt), "output formats use the conversions slog_fmt_known lists"); }(), \
+     slog_fprintf((f), SLOG_PACKED(fmt), ##__VA_ARGS__))
 
 #define LOG_FATAL(fmt, ...) SLOG(SLOG_FATAL, fmt, ##__VA_ARGS__)
 #define LOG_ERROR(fmt, ...) SLOG(SLOG_ERROR, fmt, ##__VA_ARGS__)
@@ -127,15 +130,18 @@ extern unsigned long g_time;
 // MAC addresses: six bytes.
 constexpr size_t MAC_LEN = 6;
 
-// MAC_FMT with MAC_ARG(m) prints "xx:xx:xx:xx:xx:xx" (lower-case hex). The
-// address is written once into a temporary that lives until the end of the
-// full expression, i.e. the printf-family call it is an argument of.
+// "xx:xx:xx:xx:xx:xx" (lower-case hex) of `m`: mac_text(m).s with "%s", in a
+// temporary that lives until the end of the full expression, i.e. the
+// printf-family call it is an argument of.
 struct mac_text_t {
     char s[MAC_LEN * 3];
 };
 mac_text_t mac_text(const uint8_t *m);
-#define MAC_FMT "%s"
-#define MAC_ARG(m) (mac_text(m).s)
+// In the formats of the log (LOG_*) and of SPRINTF only: MAC_FMT with
+// MAC_ARG(m) prints the same text, which the log writes from the address
+// itself ("%p"), so the call site passes nothing but the pointer.
+#define MAC_FMT "%p"
+#define MAC_ARG(m) (static_cast<const uint8_t *>(m))
 #define MAC_SCAN_FMT "%hhx:%hhx:%hhx:%hhx:%hhx:%hhx"
 #define MAC_SCAN_ARG(m) &(m)[0], &(m)[1], &(m)[2], &(m)[3], &(m)[4], &(m)[5]
 

@@ -194,7 +194,7 @@ void slimit_dump_info(FILE *f, slimit_info_t *info)
     snprintf(key, sizeof(key), "%-17s", "ALL_BSS");
     slimit_dump_ph(f, key, &info->ph_bss);
     for (slimit_ph_bss_t *ph : info->targets) {
-        snprintf(key, sizeof(key), MAC_FMT, MAC_ARG(ph->bssid));
+        snprintf(key, sizeof(key), "%s", mac_text(ph->bssid).s);
         slimit_dump_ph(f, key, ph);
     }
 }

@@ -131,6 +131,51 @@ namespace {
 
 int slog_file_at(const char *file, const char *func, int line, const char *fmt, va_list ap);
 
+// vfprintf of the formats slog_fmt_known accepts, with "%p" printing the MAC
+// address its argument points at. Each conversion is printf's own, with the
+// argument its length asks for.
+void slog_vprint(FILE *f, const char *fmt, va_list ap)
+{
+    for (;;) {
+        const char *pct = strchr(fmt, '%');
+        size_t lit = pct ? (size_t)(pct - fmt) : strlen(fmt);
+        fwrite(fmt, 1, lit, f);
+        if (!pct || pct[1] == '\0')
+            return;
+        char spec[16] = "%";
+        size_t n = 1;
+        for (fmt = pct + 1; *fmt != '\0' && strchr("-+ #0123456789.hlz", *fmt) && n < sizeof(spec) - 2; fmt++)
+            spec[n++] = *fmt;
+        char conv = *fmt++;
+        if (conv == '\0')
+            return;
+        spec[n] = conv == 'p' ? 's' : conv;
+        switch (conv) {
+        case '%':
+            fputc('%', f);
+            break;
+        case 's':
+            fprintf(f, spec, va_arg(ap, const char *));
+            break;
+        case 'p': {
+            const auto *mac = va_arg(ap, const uint8_t *);
+            fprintf(f, spec, mac ? mac_text(mac).s : "(null)");
+            break;
+        }
+        default:
+            if (strchr(spec, 'z'))
+                fprintf(f, spec, va_arg(ap, size_t));
+            else if (strstr(spec, "ll"))
+                fprintf(f, spec, va_arg(ap, long long));
+            else if (strchr(spec, 'l'))
+                fprintf(f, spec, va_arg(ap, long));
+            else
+                fprintf(f, spec, va_arg(ap, int));
+            break;
+        }
+    }
+}
+
 // A line of `level`: `fmt` with `ap`, after "<func>:<line>, " when `func` is
 // given (the prefix of a call site's format).
 void slog_vlog(int level, const char *func, int line, const char *fmt, va_list ap)
@@ -160,7 +205,7 @@ void slog_vlog(int level, const char *func, int line, const char *fmt, va_list a
     }
     if (func)
         fprintf(s_output, SLOG_PREFIX, func, line);
-    vfprintf(s_output, fmt, ap);
+    slog_vprint(s_output, fmt, ap);
 
     if (coloured)
         fwrite("\033[0m", 1, 4, s_output);
@@ -194,15 +239,14 @@ void slog_site_log(const char *func, const slog_site_t *site, ...)
     va_end(ap);
 }
 
-int slog_fprintf(FILE *f, const char *packed_fmt, ...)
+void slog_fprintf(FILE *f, const char *packed_fmt, ...)
 {
     char fmt[SLOG_TEXT_MAX];
     slog_unpack(packed_fmt, fmt);
     va_list ap;
     va_start(ap, packed_fmt);
-    int n = vfprintf(f, fmt, ap);
+    slog_vprint(f, fmt, ap);
     va_end(ap);
-    return n;
 }
 
 bool slog_refuse(int level, const char *func, int line, const char *expr)
@@ -337,7 +381,7 @@ int slog_file_at(const char *file, const char *func, int line, const char *fmt, 
     slog_print_time(f);
     if (func)
         fprintf(f, SLOG_PREFIX, func, line);
-    vfprintf(f, fmt, ap);
+    slog_vprint(f, fmt, ap);
     fclose(f);
     return 0;
 }

@@ -187,7 +187,41 @@ constexpr slog_site_text<M> slog_make_site(int level, unsigned line, const slog_
 // with the arguments), as slog_log would log the whole format.
 void slog_site_log(const char *func, const slog_site_t *site, ...);
 // fprintf with a packed format (SPRINTF).
-int slog_fprintf(FILE *f, const char *packed_fmt, ...);
+void slog_fprintf(FILE *f, const char *packed_fmt, ...);
+// A format the log prints (slog_vprint): each conversion is "%%", or
+// "%[-+ #0][width][.precision][hh|h|l|ll|z]" and one of d i u x X o c s p,
+// where "%p" prints the MAC address its argument points at.
+constexpr bool slog_fmt_known(const char *fmt)
+{
+    auto in = [](char c, const char *set) {
+        for (; *set != '\0'; set++) {
+            if (*set == c)
+                return true;
+        }
+        return false;
+    };
+    while (*fmt != '\0') {
+        if (*fmt++ != '%')
+            continue;
+        if (*fmt == '%') {
+            fmt++;
+            continue;
+        }
+        while (in(*fmt, "-+ #0"))
+            fmt++;
+        while (in(*fmt, "0123456789."))
+            fmt++;
+        if (*fmt == 'h' || *fmt == 'l')
+            fmt += fmt[1] == fmt[0] ? 2 : 1;
+        else if (*fmt == 'z')
+            fmt++;
+        if (*fmt == '\0' || !in(*fmt, "diuxXocsp"))
+            return false;
+        fmt++;
+    }
+    return true;
+}
+
 // Never called: a call in an unevaluated operand makes the compiler check a
 // call site's arguments against its format.
 int slog_format_check(const char *fmt, ...) __attribute__((format(printf, 1, 2)));

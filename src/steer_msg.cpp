@@ -167,7 +167,7 @@ void smsg_put_mac(smsg_dict_t *dic, const char *key, const uint8_t *mac)
     SASSERT(key);
     SASSERT(mac);
     char text[18];
-    snprintf(text, sizeof(text), MAC_FMT, MAC_ARG(mac));
+    snprintf(text, sizeof(text), "%s", mac_text(mac).s);
     cJSON_AddStringToObject(dic, key, text);
 }
 

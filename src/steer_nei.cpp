@@ -46,7 +46,7 @@ void snei_backhaul_setup()
     uint8_t br0[MAC_LEN] = {};
     sif_get_mac("br0", br0);
     char def[18];
-    snprintf(def, sizeof(def), MAC_FMT, MAC_ARG(br0));
+    snprintf(def, sizeof(def), "%s", mac_text(br0).s);
     char text[18];
     sconf_get_str_def("bandherd.mppmac", text, sizeof(text), def);
     if (mac_scan(text, s_mppmac) != 0) {
@@ -82,7 +82,7 @@ bool snei_mpp_ip(char *ip, size_t size)
         return false;
     }
     char mac[18];
-    snprintf(mac, sizeof(mac), MAC_FMT, MAC_ARG(s_mppmac));
+    snprintf(mac, sizeof(mac), "%s", mac_text(s_mppmac).s);
     char line[128];
     bool found = false;
     while (fgets(line, sizeof(line), f)) {

@@ -26,7 +26,7 @@ CODE_BYTES = list(range(0x80, 0x100)) + [c for c in range(1, 0x20) if c not in (
 PREFIX = '%s:%d, '
 
 # String macros that appear inside the texts.
-MACROS = {'MAC_FMT': '%s'}
+MACROS = {'MAC_FMT': '%p'}
 
 CALL = re.compile(r'\b(LOG_(?:FATAL|ERROR|WARN|INFO|DEBUG|DUMP|STEER)|SASSERT|SREFUSE|SPRINTF)\s*\(')
 STRING = re.compile(r'"((?:[^"\\]|\\.)*)"')

@@ -15,7 +15,7 @@ std::vector<std::string> s_results;
 void on_result(ssta_status_t *, const uint8_t *bssid, bool success)
 {
     char text[40];
-    snprintf(text, sizeof(text), "%s " MAC_FMT, success ? "success" : "fail", MAC_ARG(bssid));
+    snprintf(text, sizeof(text), "%s %s", success ? "success" : "fail", mac_text(bssid).s);
     s_results.push_back(text);
 }
 

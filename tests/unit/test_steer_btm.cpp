@@ -17,8 +17,8 @@ std::vector<std::string> s_results;
 void on_result(bool success, ssta_status_t *, const uint8_t *bssid, const uint8_t *node)
 {
     char text[64];
-    snprintf(text, sizeof(text), "%s " MAC_FMT " " MAC_FMT, success ? "success" : "fail", MAC_ARG(bssid),
-             MAC_ARG(node));
+    snprintf(text, sizeof(text), "%s %s %s", success ? "success" : "fail", mac_text(bssid).s,
+             mac_text(node).s);
     s_results.push_back(text);
 }
 

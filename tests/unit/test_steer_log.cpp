@@ -107,6 +107,29 @@ TEST(SlogPacked, TextsUnpackToThemselves)
     EXPECT_FALSE(slog_text_fits(std::string(SLOG_TEXT_MAX, 'x').c_str()));
 }
 
+// The daemon's own printf: "%p" writes the MAC address its argument points
+// at; every other conversion is printf's, with the argument its length takes.
+TEST(SlogOutput, FormatsPrintAsPrintfWithMacAddressesForPointers)
+{
+    const uint8_t mac[MAC_LEN] = {0x02, 0xab, 0, 0x0c, 0xff, 0x10};
+    char *text = nullptr;
+    size_t size = 0;
+    FILE *f = open_memstream(&text, &size);
+    SPRINTF(f, "[" MAC_FMT "|%-19p|%s]", MAC_ARG(mac), MAC_ARG(mac), "x");
+    SPRINTF(f, "[%d %3d %-3u| %02x %X %o %c %%]", -7, 42, 5u, 0xa, 0xbeefu, 8, 'q');
+    SPRINTF(f, "[%ld %lu %lld %llu %zu %hhu %.2s]", -1L, 4000000000UL, -1LL << 40, 1ULL << 63, (size_t)12, 300, "abc");
+    SPRINTF(f, "[%p]", MAC_ARG(nullptr));
+    fclose(f);
+    EXPECT_EQ(std::string(text, size),
+              "[02:ab:00:0c:ff:10|02:ab:00:0c:ff:10  |x]"
+              "[-7  42 5  | 0a BEEF 10 q %]"
+              "[-1 4000000000 -1099511627776 9223372036854775808 12 44 ab]"
+              "[(null)]");
+    free(text);
+    static_assert(slog_fmt_known("%-16s %02x %zu %lld %hhu %% %p") && !slog_fmt_known("%f") &&
+                  !slog_fmt_known("%n") && !slog_fmt_known("%*d") && !slog_fmt_known("%"));
+}
+
 // The one message of every broken precondition, in full.
 TEST(SlogAssert, MessageNamesTheExpressionAndWhereInRed)
 {

@@ -18,7 +18,7 @@ void on_result(ssta_status_t *, sap_bss_t *bss, sap_node_t *, bool found)
 {
     char text[40];
     if (found)
-        snprintf(text, sizeof(text), MAC_FMT, MAC_ARG(bss->bssid));
+        snprintf(text, sizeof(text), "%s", mac_text(bss->bssid).s);
     s_results.push_back(found ? text : "none");
 }
 

@@ -61,7 +61,7 @@ void peer_heartbeat()
 void associate_msg(const uint8_t *mac, int associated, int bss)
 {
     char json[128];
-    snprintf(json, sizeof(json), R"({"sta":")" MAC_FMT R"(","associated":%d,"bss":%d})", MAC_ARG(mac), associated, bss);
+    snprintf(json, sizeof(json), R"({"sta":"%s","associated":%d,"bss":%d})", mac_text(mac).s, associated, bss);
     mesh_receive(PEER, "SSTA_ASSOCIATE", json);
 }
 
