@@ -142,35 +142,35 @@ void slog_vprint(FILE *f, const char *fmt, va_list ap)
         fwrite(fmt, 1, lit, f);
         if (!pct || pct[1] == '\0')
             return;
-        char spec[16] = "%";
+        char directive[16] = "%";
         size_t n = 1;
-        for (fmt = pct + 1; *fmt != '\0' && strchr("-+ #0123456789.hlz", *fmt) && n < sizeof(spec) - 2; fmt++)
-            spec[n++] = *fmt;
+        for (fmt = pct + 1; *fmt != '\0' && strchr("-+ #0123456789.hlz", *fmt) && n < sizeof(directive) - 2; fmt++)
+            directive[n++] = *fmt;
         char conv = *fmt++;
         if (conv == '\0')
             return;
-        spec[n] = conv == 'p' ? 's' : conv;
+        directive[n] = conv == 'p' ? 's' : conv;
         switch (conv) {
         case '%':
             fputc('%', f);
             break;
         case 's':
-            fprintf(f, spec, va_arg(ap, const char *));
+            fprintf(f, directive, va_arg(ap, const char *));
             break;
         case 'p': {
             const auto *mac = va_arg(ap, const uint8_t *);
-            fprintf(f, spec, mac ? mac_text(mac).s : "(null)");
+            fprintf(f, directive, mac ? mac_text(mac).s : "(null)");
             break;
         }
         default:
-            if (strchr(spec, 'z'))
-                fprintf(f, spec, va_arg(ap, size_t));
-            else if (strstr(spec, "ll"))
-                fprintf(f, spec, va_arg(ap, long long));
-            else if (strchr(spec, 'l'))
-                fprintf(f, spec, va_arg(ap, long));
+            if (strchr(directive, 'z'))
+                fprintf(f, directive, va_arg(ap, size_t));
+            else if (strstr(directive, "ll"))
+                fprintf(f, directive, va_arg(ap, long long));
+            else if (strchr(directive, 'l'))
+                fprintf(f, directive, va_arg(ap, long));
             else
-                fprintf(f, spec, va_arg(ap, int));
+                fprintf(f, directive, va_arg(ap, int));
             break;
         }
     }
