@@ -3,6 +3,8 @@
 Callbacks run on the loop's thread one at a time, so the driver doubles and
 the relay need no locks among themselves; other threads hand work to the loop
 with `call_soon`, `call_later` or `call` (which waits for the result).
+What became due first runs first: a timer that fell due while the loop was
+held up runs before work handed over after it was due.
 """
 
 import heapq
@@ -55,10 +57,11 @@ class Loop:
 
     def call_soon(self, fn, *args):
         with self._lock:
-            self._soon.append((fn, args))
+            self._soon.append((time.monotonic(), next(self._seq), fn, args))
         self._wake()
 
     def call_later(self, delay, fn, *args):
+        """fn(*args) once `delay` seconds from now have passed (a delay below 0: a time that has)."""
         with self._lock:
             heapq.heappush(self._timers, (time.monotonic() + delay, next(self._seq), fn, args))
         self._wake()
@@ -126,9 +129,9 @@ class Loop:
                 ready = self._soon
                 self._soon = []
                 while self._timers and self._timers[0][0] <= now:
-                    _, _, fn, args = heapq.heappop(self._timers)
-                    ready.append((fn, args))
-            for fn, args in ready:
+                    ready.append(heapq.heappop(self._timers))
+            ready.sort()
+            for _, _, fn, args in ready:
                 self._guard(fn, *args)
 
     @staticmethod

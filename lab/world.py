@@ -225,9 +225,11 @@ class World:
                 if due < points[-1][0]:
                     at = max(due, time.monotonic() - begin)
                     nxt = min((int(at / step) + 1) * step, points[-1][0])
-                    self._plan(st, "walk", max(0.0, nxt - (time.monotonic() - begin)), lambda: tick(nxt),
+                    # Due at its time on the path, even when that has passed: it runs before
+                    # what the scenario did after it.
+                    self._plan(st, "walk", nxt - (time.monotonic() - begin), lambda: tick(nxt),
                                lasting=True, also=lambda: st.walks == walk)
-            self._plan(st, "walk", max(0.0, begin + first - time.monotonic()), lambda: tick(first), lasting=True,
+            self._plan(st, "walk", begin + first - time.monotonic(), lambda: tick(first), lasting=True,
                        also=lambda: st.walks == walk)
         self.loop.call(go)
 

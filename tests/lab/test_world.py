@@ -2,12 +2,14 @@
 a daemon sends (MAPS commands and Wi-Fi calls over each node's uwb socket) and reads what the
 drivers send back on each node's netlink end, and the stations' timelines."""
 
+import threading
 import time
 from xml.etree import ElementTree
 
 import pytest
 
 from lab import daemonlog, summary, svg
+from lab.loop import Loop
 from lab.sandbox import REPO
 from lab.world import check_timeline, path_at
 from lab import topology
@@ -266,6 +268,23 @@ PATH_CASES = [
 def test_a_path_is_followed_on_straight_lines_between_the_points_that_name_a_bss():
     points = [(0, {A: -50, B: -90}), (10, {A: -90, B: -50}), (12, {("C", "wl2g0"): -40}), (20, {B: -30})]
     assert [path_at(points, at) for at, _ in PATH_CASES] == [heard for _, heard in PATH_CASES]
+
+
+def test_the_loop_held_up_runs_what_fell_due_first_first():
+    """A walk's steps are timers: on a busy machine they must still come before a scenario's
+    next step, handed to the loop after they were due."""
+    loop, held, order = Loop(), threading.Event(), []
+    loop.start()
+    try:
+        loop.call_soon(held.wait)
+        loop.call_later(0, order.append, "timer")
+        loop.call_later(-1, order.append, "overdue timer")
+        loop.call_soon(order.append, "handed over")
+        held.set()
+        loop.call(lambda: None)
+        assert order == ["overdue timer", "timer", "handed over"]
+    finally:
+        loop.stop()
 
 
 def test_a_walking_station_is_reported_as_it_goes_and_goes_where_its_path_led(air):
